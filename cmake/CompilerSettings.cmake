@@ -1,0 +1,24 @@
+# Settings of every target: arithmetic that is the same on every processor, warnings, sanitizers.
+
+find_program(RAVU_CCACHE ccache)
+if(RAVU_CCACHE)
+  set(CMAKE_C_COMPILER_LAUNCHER ${RAVU_CCACHE})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${RAVU_CCACHE})
+endif()
+
+if(MSVC)
+  add_compile_options(/W4 /fp:precise)
+else()
+  # Compilers would fuse separate multiplications and additions, differently per instruction set.
+  add_compile_options(-ffp-contract=off -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+                      -Wno-sign-conversion)
+  if(RAVU_WARNINGS_AS_ERRORS)
+    add_compile_options(-Werror)
+  endif()
+endif()
+
+if(RAVU_SANITIZE)
+  add_compile_options(-fsanitize=${RAVU_SANITIZE} -fno-sanitize-recover=all
+                      -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${RAVU_SANITIZE})
+endif()

@@ -1,0 +1,29 @@
+// The driver of the processor run modes; the arithmetic belongs to the layers.
+#include "graph/cpu_backend.h"
+
+namespace ravu {
+
+bool setup_cpu(Network& network, std::uint32_t mode) {
+  network.layout = kInterleaved;
+  if (network.mean && network.mean->layout == kPlanar) {
+    to_interleaved(*network.mean, network.input_height * network.input_width,
+                   network.input_channels);
+    network.mean->layout = kInterleaved;
+  }
+  for (const auto& layer : network.layers) {
+    layer->Setup(static_cast<std::int32_t>(mode), network.params);
+  }
+  network.bind_borrowers();
+  return true;
+}
+
+void forward_cpu(Network& network, std::uint32_t mode) {
+  Blob& input = *network.input;
+  const Blob* mean = network.mean.get();
+  if (mean != nullptr && mean->data != nullptr && input.data != nullptr && network.preprocess) {
+    subtract_repeated(input.data, input.data, mean->data, -1.0F, input.count, mean->count);
+  }
+  for (const auto& layer : network.layers) layer->Forward(mode);
+}
+
+}  // namespace ravu

@@ -1,0 +1,191 @@
+// Owning, outputs, shape changes and the order of release.
+#include "graph/ravuGraph.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <unistd.h>
+#endif
+
+namespace ravu {
+namespace {
+
+// Every Blob's shape and storage before a shape change. Unless the change is committed, they are
+// put back: storage is counted by reference, so the old blocks live as long as this record.
+class ShapeChange {
+ public:
+  explicit ShapeChange(Network& network) : network_(network) {
+    remember(*network.input);
+    for (const BlobPtr& blob : network.graph_blobs) remember(*blob);
+    for (const BlobPtr& blob : network.params) remember(*blob);
+  }
+  ShapeChange(const ShapeChange&) = delete;
+  ShapeChange& operator=(const ShapeChange&) = delete;
+
+  ~ShapeChange() {
+    if (committed_) return;
+    for (Saved& saved : blobs_) {
+      static_cast<Shape&>(*saved.blob) = saved.shape;
+      saved.blob->storage = std::move(saved.storage);
+      saved.blob->data = saved.blob->storage.get();
+    }
+    network_.bind_borrowers();
+  }
+
+  void commit() { committed_ = true; }
+
+ private:
+  struct Saved {
+    Blob* blob;
+    Shape shape;
+    std::shared_ptr<float> storage;
+  };
+
+  void remember(Blob& blob) { blobs_.push_back({&blob, blob, blob.storage}); }
+
+  Network& network_;
+  std::vector<Saved> blobs_;
+  bool committed_ = false;
+};
+
+// How many times each Blob is read by layers that also write it. A layer that works in place does
+// not by itself consume its Blob.
+std::unordered_map<const Blob*, std::uint32_t> count_in_place_reads(const Network& network) {
+  std::unordered_map<const Blob*, std::uint32_t> reads;
+  for (const auto& layer : network.layers) {
+    const std::unordered_set<const Blob*> written(layer->outputs.begin(), layer->outputs.end());
+    for (const Blob* input : layer->inputs) {
+      if (written.count(input) != 0) ++reads[input];
+    }
+  }
+  return reads;
+}
+
+// Binds one borrower after everything that it depends on.
+void bind_chain(Blob& borrower) {
+  std::vector<Blob*> chain;
+  for (Blob* b = &borrower; b->lender != nullptr && b->data == nullptr; b = b->lender) {
+    chain.push_back(b);
+  }
+  std::for_each(chain.rbegin(), chain.rend(), [](Blob* b) { bind(*b); });
+}
+
+}  // namespace
+
+void Network::set_input(BlobPtr blob) {
+  input = std::move(blob);
+}
+
+void Network::set_mean(BlobPtr blob) {
+  mean = std::move(blob);
+}
+
+void Network::add_layer(std::unique_ptr<BaseLayer> layer) {
+  layer->workspace = &workspace;
+  layers.push_back(std::move(layer));
+}
+
+void Network::add_label(std::string_view text) {
+  auto copy = std::make_unique<char[]>(text.size() + 1);
+  std::memcpy(copy.get(), text.data(), text.size());
+  labels.push_back(copy.get());
+  copy.release();
+}
+
+Blob& Network::add_blob(const Shape& shape, std::string_view name) {
+  graph_blobs.push_back(std::make_unique<Blob>());
+  Blob& blob = *graph_blobs.back();
+  static_cast<Shape&>(blob) = shape;
+  blob.name = name;
+  blobs_by_name.insert_or_assign(blob.name, &blob);
+  return blob;
+}
+
+void Network::collect_outputs() {
+  auto in_place_reads = count_in_place_reads(*this);
+  for (const auto& layer : layers) {
+    for (Blob* output : layer->outputs) {
+      if (output->consumers != in_place_reads[output]) continue;
+      allocate(*output);
+      // Kept: a Blob that several layers write is listed once for each of them.
+      outputs.push_back(output);
+    }
+  }
+}
+
+void Network::change_input_shape(const Shape& shape) {
+  ShapeChange change(*this);
+  for (const BlobPtr& blob : graph_blobs) {
+    if (blob->lender != nullptr) blob->data = nullptr;
+  }
+  const std::uint64_t limit = machine_memory();
+  std::uint64_t grown = std::uint64_t{shape.count} * sizeof(float);
+  if (grown > limit) throw std::bad_alloc();
+  reshape(*input, shape);
+  for (const auto& layer : layers) {
+    layer->Reshape();
+    const Blob* output = last_output(*layer);
+    if (output == nullptr || output == last_input(*layer)) continue;
+    // The running sum may count a Blob twice, so it only says when the exact one is worth taking.
+    grown += std::uint64_t{output->count} * sizeof(float);
+    if (grown > limit && storage_bytes() > limit) throw std::bad_alloc();
+  }
+  bind_borrowers();
+  change.commit();
+}
+
+void Network::bind_borrowers() {
+  for (const BlobPtr& blob : graph_blobs) {
+    if (blob->lender != nullptr) blob->data = nullptr;
+  }
+  for (const BlobPtr& blob : graph_blobs) bind_chain(*blob);
+  bind_chain(*input);
+}
+
+std::uint64_t Network::storage_bytes() const {
+  std::uint64_t floats = input ? input->count : 0;
+  if (mean) floats += mean->count;
+  for (const BlobPtr& blob : graph_blobs) floats += blob->lender == nullptr ? blob->count : 0;
+  for (const BlobPtr& blob : params) floats += blob->count;
+  return floats * sizeof(float);
+}
+
+void Network::release_weights() {
+  while (!params.empty()) params.pop_back();
+  for (const auto& layer : layers) layer->ReleaseWeights();
+}
+
+void Network::release() {
+  mean.reset();
+  if (input) free_storage(*input);
+  while (!layers.empty()) layers.pop_back();
+  while (!params.empty()) params.pop_back();
+  for (; !labels.empty(); labels.pop_back()) delete[] labels.back();
+  outputs.clear();
+  aliases.clear();
+  blobs_by_name.clear();
+  // Layers point at these records until they are gone, so the records come last.
+  graph_blobs.clear();
+  input.reset();
+}
+
+std::uint64_t machine_memory() {
+#ifdef _WIN32
+  MEMORYSTATUSEX status{};
+  status.dwLength = sizeof status;
+  GlobalMemoryStatusEx(&status);
+  return status.ullTotalPhys;
+#else
+  return static_cast<std::uint64_t>(sysconf(_SC_PHYS_PAGES)) *
+         static_cast<std::uint64_t>(sysconf(_SC_PAGE_SIZE));
+#endif
+}
+
+}  // namespace ravu

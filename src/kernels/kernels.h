@@ -1,0 +1,66 @@
+// The arithmetic of the layers on plain float arrays. Kernels know no Blob and no layer, allocate
+// nothing and check nothing: callers have made sure that every size fits its array.
+//
+// Unless a comment says otherwise arrays are interleaved (channels fastest), input and output may
+// be the same array where sizes agree, and every processor gives the same bits.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace ravu::kernels {
+
+// output[i] = input[i] * slope where that is greater than input[i], else input[i]; i < n.
+void relu(const float* input, float* output, std::size_t n, float slope);
+
+// row[r][i] += bias[(phase + r * width + i) mod bias_count] for `rows` rows of `width` floats that
+// start `stride` floats apart. bias_count is at least 1.
+void add_bias(float* first_row, std::size_t rows, std::size_t width, std::size_t stride,
+              const float* bias, std::size_t bias_count, std::size_t phase);
+
+// For each run of `length` values (the last one may be shorter): exp(x - greatest) times the
+// reciprocal of their sum.
+void softmax(const float* input, float* output, std::size_t n, std::size_t length);
+
+struct PoolingSizes {
+  std::size_t batch, height, width, channels;
+  std::size_t out_height, out_width;
+  std::size_t kernel_h, kernel_w, stride_h, stride_w, pad_h, pad_w;
+};
+
+// Reduce each channel over square windows that are shortened, not shifted, at the border. The
+// average divides by the full window area. Input and output are different arrays.
+void max_pooling(const PoolingSizes& sizes, const float* input, float* output);
+void average_pooling(const PoolingSizes& sizes, const float* input, float* output);
+
+// One group of a convolution.
+struct ConvSizes {
+  std::size_t batch, height, width;
+  std::size_t channels;        // of the input, all groups: the distance of two pixels
+  std::size_t group_channels;  // of one group
+  std::size_t rows, columns;   // output pixels of an image that patches exist for
+  std::size_t kernel_h, kernel_w, stride_h, stride_w, pad_h, pad_w;
+  std::size_t shift_h, shift_w;  // where the first patch starts in the padded image
+  std::size_t kernels;           // output channels of one group
+  std::size_t out_channels;      // of the output, all groups: the distance of two pixels
+  std::size_t out_image;         // distance of two images of the output
+};
+
+// Floats of one patch: kernel rows x kernel columns x group channels, in that order.
+std::size_t patch_floats(const ConvSizes& sizes);
+
+// Floats of scratch memory that `convolve` wants; bounded whatever the sizes are.
+std::size_t conv_scratch_floats(const ConvSizes& sizes);
+
+// output pixel p, channel m = sum over the patch of p with weight row m (+ bias; null: none). Taps
+// outside the image count as zeros. `input` and `output` point at the group's first channel;
+// weights: `kernels` rows of patch_floats. The bias is repeated over the product, image after
+// image. Agrees with the sums to rounding. Input and output are different arrays.
+void convolve(const ConvSizes& sizes, const float* input, const float* weights, const float* bias,
+              std::size_t bias_count, float* output, float* scratch);
+
+// output[n][m] = sum over k of weights[k][m] * input[n][k], for `batch` rows n.
+void multiply(const float* weights, const float* input, float* output, std::size_t batch,
+              std::size_t features, std::size_t outputs);
+
+}  // namespace ravu::kernels

@@ -1,0 +1,43 @@
+// Convolution, plain and grouped, with square kernels. Each group of input channels has its own
+// weights and bias; the groups' output channels stand one group after another.
+#pragma once
+
+#include <optional>
+#include <vector>
+
+#include "graph/BaseLayer.h"
+#include "kernels/kernels.h"
+
+namespace ravu {
+
+class ConvLayer : public BaseLayer {
+ public:
+  // One per group. Weights: one row per output channel of the group, in the order kernel row,
+  // kernel column, input channel. A group without bias has a null one.
+  std::vector<BlobPtr> weights;
+  std::vector<BlobPtr> biases;
+  bool kernels_transposed = false;
+  std::int32_t stride_w = 1, stride_h = 1;
+  std::int32_t pad_w = 0, pad_h = 0;
+  std::int32_t kernel_w = 0, kernel_h = 0;
+  std::int32_t dilation_w = 1, dilation_h = 1;
+  std::int32_t groups = 1;
+  std::int32_t output_channels = 0;  // of one group
+  bool has_bias = false;
+
+  bool Forward(std::uint32_t mode) override;
+  bool Setup(std::int32_t mode, std::vector<BlobPtr>& params) override;
+  void Reshape() override;
+  void ReleaseWeights() override;
+};
+
+// The output shape of a model record: with the dilation term for a plain convolution, without it
+// for a grouped one. None when a size would be negative or too large, or a stride is not positive.
+std::optional<Shape> conv_record_shape(const ConvLayer& layer, const Shape& input, bool grouped);
+
+// What the processor path computes on this input; meaningful when `fits`.
+kernels::ConvSizes conv_sizes(const ConvLayer& layer, const Shape& input, const Shape& output);
+
+Fit fits(const ConvLayer& layer);
+
+}  // namespace ravu

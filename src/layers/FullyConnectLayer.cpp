@@ -1,0 +1,128 @@
+// The two orientations of the weights, and one matrix product for the whole batch.
+#include "layers/FullyConnectLayer.h"
+
+#include <cstdio>
+#include <utility>
+
+#include "kernels/kernels.h"
+
+namespace ravu {
+namespace {
+
+constexpr std::uint32_t kFloatMode = 0;
+constexpr std::uint32_t kFixedPointMode = 3;
+
+// Rewrites the matrix dims[0] x dims[1] as dims[1] x dims[0].
+void transpose(Blob& blob) {
+  const std::uint32_t rows = blob.dims[0];
+  const std::uint32_t columns = blob.dims[1];
+  Blob turned;
+  turned.dims = {columns, rows, 1, 1};
+  turned.count = rows * columns;
+  turned.layout = blob.layout;
+  allocate(turned);
+  for (std::size_t r = 0; r < rows; ++r) {
+    for (std::size_t c = 0; c < columns; ++c)
+      turned.data[c * rows + r] = blob.data[r * columns + c];
+  }
+  static_cast<Shape&>(blob) = turned;
+  blob.storage = std::move(turned.storage);
+  blob.data = blob.storage.get();
+}
+
+// Rows stored channel after channel become rows with the channels interleaved. They are rows per
+// output afterwards.
+void interleave_rows(FullyConnectLayer& layer) {
+  const std::uint32_t channels = last_input(layer)->dims[3];
+  if (layer.weights->layout != kPlanar || channels == 0) return;
+  to_interleaved(*layer.weights, layer.weights->dims[1] / channels, channels);
+  layer.weights->layout = kInterleaved;
+  layer.weights_transposed = true;
+}
+
+void turn_weights(FullyConnectLayer& layer, bool transposed) {
+  interleave_rows(layer);
+  if (layer.weights_transposed != transposed) transpose(*layer.weights);
+  layer.weights_transposed = transposed;
+}
+
+// The features of an image that the product reads.
+std::uint64_t features(const FullyConnectLayer& layer) {
+  const bool per_output = layer.weights_transposed || layer.weights->layout == kPlanar;
+  return layer.weights->dims[per_output ? 1 : 0];
+}
+
+bool ready(const FullyConnectLayer& layer) {
+  return layer.weights && layer.weights->data != nullptr && !layer.weights_transposed &&
+         layer.weights->layout == kInterleaved && has_data(last_input(layer), last_output(layer)) &&
+         fits(layer);
+}
+
+void forward_float(FullyConnectLayer& layer) {
+  if (!ready(layer)) return;
+  const Blob& input = *last_input(layer);
+  Blob& output = *last_output(layer);
+  const std::size_t outputs = output.dims[3];
+  kernels::multiply(layer.weights->data, input.data, output.data, input.dims[0],
+                    layer.weights->dims[0], outputs);
+  if (layer.has_bias && layer.bias) {
+    kernels::add_bias(output.data, 1, output.count, output.count, layer.bias->data,
+                      layer.bias->count, 0);
+  }
+}
+
+void forward_fixed_point(FullyConnectLayer&) {
+  std::fputs("FC fixpointfcop_ not initialized\n", stderr);
+}
+
+}  // namespace
+
+Fit fits(const FullyConnectLayer& layer) {
+  const Blob* input = last_input(layer);
+  const Blob* output = last_output(layer);
+  if (input == nullptr) return {"a fully connected layer needs an input"};
+  if (layer.weights == nullptr) return {"weight: the tensor is not there"};
+  const Blob& weights = *layer.weights;
+  if (std::uint64_t{weights.dims[0]} * weights.dims[1] > weights.count) {
+    return {"weight: dims describe more than the tensor holds"};
+  }
+  if (weights.layout == kPlanar && input->dims[3] == 0) return {"the input has no channels"};
+  if (layer.bias && layer.bias->count == 0) return {"the bias holds no value"};
+  if (output == nullptr) return {};
+  const std::uint64_t k = features(layer);
+  const std::uint64_t m = output->dims[3];
+  if (k * m > std::uint64_t{weights.dims[0]} * weights.dims[1]) {
+    return {"weight: the tensor holds fewer values than inputs times outputs"};
+  }
+  if (k * input->dims[0] > input->count) {
+    return {"weight: asks for more features than the input has"};
+  }
+  if (m * input->dims[0] > output->count) return {"the output is smaller than batch times outputs"};
+  return {};
+}
+
+bool FullyConnectLayer::Forward(std::uint32_t mode) {
+  if (mode == kFloatMode) forward_float(*this);
+  if (mode == kFixedPointMode) forward_fixed_point(*this);
+  return true;
+}
+
+bool FullyConnectLayer::Setup(std::int32_t mode, std::vector<BlobPtr>&) {
+  AllocateBlobs(/*in_place=*/false);
+  if (mode != kFloatMode && mode != kFixedPointMode) return false;
+  if (weights && weights->data != nullptr && last_input(*this) != nullptr) {
+    turn_weights(*this, /*transposed=*/mode == kFixedPointMode);
+  }
+  return true;
+}
+
+void FullyConnectLayer::Reshape() {
+  follow_batch();
+}
+
+void FullyConnectLayer::ReleaseWeights() {
+  weights.reset();
+  bias.reset();
+}
+
+}  // namespace ravu

@@ -1,0 +1,27 @@
+// Fully connected: each image's whole input times a matrix, plus a bias. The one weight Blob is
+// kept in the orientation that the run mode needs and is flipped in place when the mode changes.
+#pragma once
+
+#include <optional>
+
+#include "graph/BaseLayer.h"
+
+namespace ravu {
+
+class FullyConnectLayer : public BaseLayer {
+ public:
+  BlobPtr weights;
+  BlobPtr bias;  // null without bias
+  bool has_bias = false;
+  // True: one row per output, dims (outputs, features). False: one row per feature.
+  bool weights_transposed = false;
+
+  bool Forward(std::uint32_t mode) override;
+  bool Setup(std::int32_t mode, std::vector<BlobPtr>& params) override;
+  void Reshape() override;
+  void ReleaseWeights() override;
+};
+
+Fit fits(const FullyConnectLayer& layer);
+
+}  // namespace ravu

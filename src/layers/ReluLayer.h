@@ -1,0 +1,19 @@
+// Rectifier with an optional slope for negative values. Its output shares its input's storage.
+#pragma once
+
+#include "graph/BaseLayer.h"
+
+namespace ravu {
+
+class ReluLayer : public BaseLayer {
+ public:
+  float negative_slope = 0.0F;
+
+  bool Forward(std::uint32_t mode) override;
+  bool Setup(std::int32_t mode, std::vector<BlobPtr>& params) override;
+  void Reshape() override;
+};
+
+Fit fits(const ReluLayer& layer);
+
+}  // namespace ravu

@@ -1,0 +1,58 @@
+// Building blocks of layer tests.
+#include "support/blobs.h"
+
+#include <utility>
+
+namespace ravu::test {
+
+BlobPtr make_blob(Dims dims, const std::vector<float>& values) {
+  auto blob = std::make_unique<Blob>();
+  static_cast<Shape&>(*blob) = make_shape(dims[0], dims[1], dims[2], dims[3], kInterleaved).value();
+  if (!values.empty()) assign(*blob, values.data());
+  return blob;
+}
+
+std::vector<float> values_of(const Blob& blob) {
+  if (blob.data == nullptr) return {};
+  return {blob.data, blob.data + blob.count};
+}
+
+Blob& LayerRig::add_input(Dims dims, const std::vector<float>& values) {
+  blobs.push_back(make_blob(dims, values));
+  layer.inputs.push_back(blobs.back().get());
+  return *blobs.back();
+}
+
+Blob& LayerRig::add_output(Dims dims) {
+  blobs.push_back(make_blob(dims));
+  layer.outputs.push_back(blobs.back().get());
+  return *blobs.back();
+}
+
+std::vector<float> LayerRig::run(unsigned mode) {
+  layer.Forward(mode);
+  return values_of(*layer.outputs.back());
+}
+
+LoadResult load(const Bytes& model, const LoadOptions& options) {
+  return read_network(root_tag(model.data(), model.size()), options);
+}
+
+LoadResult load(const ModelBuilder& model, const LoadOptions& options) {
+  return load(model.bytes(), options);
+}
+
+LoadedLayer load_layer(const Bytes& record, int input_size, int channels, std::uint32_t batch) {
+  LoadOptions options;
+  options.batch = batch;
+  LoadResult result = load(ModelBuilder(input_size, channels).add_layer(record), options);
+  LoadedLayer loaded;
+  loaded.network = std::move(result.network);
+  loaded.reason = result.reason;
+  if (loaded.network && !loaded.network->layers.empty()) {
+    loaded.layer = loaded.network->layers.back().get();
+  }
+  return loaded;
+}
+
+}  // namespace ravu::test
