@@ -17,6 +17,12 @@ std::vector<float> values_of(const Blob& blob) {
   return {blob.data, blob.data + blob.count};
 }
 
+LayerRig::~LayerRig() {
+  layer.inputs.clear();
+  layer.outputs.clear();
+  layer.owned_count = 0;
+}
+
 Blob& LayerRig::add_input(Dims dims, const std::vector<float>& values) {
   blobs.push_back(make_blob(dims, values));
   layer.inputs.push_back(blobs.back().get());

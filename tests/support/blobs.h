@@ -24,6 +24,9 @@ std::vector<float> values_of(const Blob& blob);
 // `mode` and can run it.
 struct LayerRig {
   explicit LayerRig(BaseLayer& wired_layer) : layer(wired_layer) { layer.workspace = &workspace; }
+  LayerRig(const LayerRig&) = delete;
+  LayerRig& operator=(const LayerRig&) = delete;
+  ~LayerRig();  // unwires the layer, which outlives the Blobs here
 
   Blob& add_input(Dims dims, const std::vector<float>& values = {});
   Blob& add_output(Dims dims);

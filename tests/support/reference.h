@@ -13,4 +13,34 @@ struct Pooling {
 int pooled_size(int input, int kernel, int stride, int pad);
 std::vector<float> pool(const Pooling& p, bool maximum, const std::vector<float>& input);
 
+struct Conv {
+  int batch, height, width, channels, groups, kernels, kernel, stride, pad;
+  int dilation = 1;
+};
+// One axis: the output size that a plain record gets, and how many patches are gathered along it.
+int conv_record_size(int input, const Conv& c);
+int conv_patches(int input, const Conv& c);
+// The sums in double precision and, for error bounds, the sums of the terms' magnitudes. One row of
+// groups x kernels channels per patch, image after image; weights[g] has `kernels` rows in the
+// order kernel row, kernel column, channel; bias[g] may be empty and repeats over the group's
+// product.
+struct Sums {
+  std::vector<double> values;
+  std::vector<double> magnitudes;
+};
+Sums convolve(const Conv& c, const std::vector<float>& input,
+              const std::vector<std::vector<float>>& weights,
+              const std::vector<std::vector<float>>& bias);
+
+// output[n][m] = sum over k of weights[k][m] * input[n][k] + bias[(n * outputs + m) mod size].
+Sums fully_connect(int batch, int features, int outputs, const std::vector<float>& input,
+                   const std::vector<float>& weights, const std::vector<float>& bias);
+
+// Whether each value lies within 2e-5 of the sums' rms or 2e-6 of its terms' magnitudes, whichever
+// is larger; the first that does not is put into *where.
+bool close_to(const std::vector<float>& values, const Sums& sums, std::size_t* where);
+
+std::vector<float> relu(const std::vector<float>& input, float slope);
+std::vector<float> softmax(const std::vector<float>& input, std::size_t length);
+
 }  // namespace ravu::test::reference
