@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# Everything a change must pass before it is final: what ./test runs, and the checks that need no
+# clean machine: format, include arrows, kept rules, clang build, lint, thread sanitizer, coverage.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+jobs=$(nproc)
+
+step() { printf '\n== %s\n' "$*"; }
+
+step "Packages"
+scripts/install_dependencies.sh check
+
+step "Format"
+scripts/format.sh --check
+
+step "Include arrows and kept rules"
+/usr/bin/python3 scripts/check_includes.py
+/usr/bin/python3 scripts/check_kept.py
+
+step "clang build and suite (build/clang)"
+cmake --preset clang >/dev/null
+cmake --build --preset clang
+ctest --test-dir build/clang --output-on-failure --parallel "$jobs"
+
+step "Lint (clang-tidy over src and tools)"
+git ls-files 'src/*.cpp' 'tools/*.cpp' |
+  xargs -P "$jobs" -n 4 clang-tidy -p build/clang --quiet --warnings-as-errors='*' 2>/dev/null
+
+step "Thread sanitizer (build/tsan)"
+cmake --preset tsan -DRAVU_BUILD_TOOLS=OFF >/dev/null
+cmake --build --preset tsan --target ravu_tests
+build/tsan/tests/ravu_tests --gtest_brief=1
+
+step "Coverage of src (build/coverage)"
+scripts/coverage.sh
+
+step "./test"
+./test

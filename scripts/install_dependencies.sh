@@ -1,0 +1,49 @@
+#!/usr/bin/env bash
+# Installs what building, testing and the demo need on Debian 12, and only what is missing.
+# Usage: scripts/install_dependencies.sh build|test|check
+#   build  the library, the ravu program, the demo
+#   test   the same and the test suite, fuzzing included
+#   check  the same and the tools of scripts/check.sh
+set -euo pipefail
+
+build=(
+  g++ cmake ninja-build pkg-config  # compiler and build
+  libopenblas-dev                   # matrix products
+  libhwy-dev                        # vector code for every processor from one source
+  libcli11-dev                      # command lines of the ravu program
+  nlohmann-json3-dev                # its --json output
+  libpng-dev libjpeg62-turbo-dev    # its pictures
+)
+test=(
+  libgtest-dev libgmock-dev                 # unit tests
+  clang libclang-rt-14-dev                  # fuzzing, and the second compiler
+  binutils                                  # nm: the test of the exported symbols
+  python3 python3-numpy python3-pytest      # the Python side and its tests
+  python3-pil                               # pictures in those tests
+)
+check=(clang-format clang-tidy gcovr libbenchmark-dev)
+
+case "${1:-build}" in
+  build) wanted=("${build[@]}") ;;
+  test) wanted=("${build[@]}" "${test[@]}") ;;
+  check) wanted=("${build[@]}" "${test[@]}" "${check[@]}") ;;
+  *) echo "usage: $0 build|test|check" >&2; exit 2 ;;
+esac
+
+missing=()
+for package in "${wanted[@]}"; do
+  state=$(dpkg-query -W -f='${Status}' "$package" 2>/dev/null || true)
+  [ "$state" = "install ok installed" ] || missing+=("$package")
+done
+if [ ${#missing[@]} -eq 0 ]; then
+  echo "Packages: all ${#wanted[@]} are installed."
+  exit 0
+fi
+
+echo "Packages: installing ${missing[*]}"
+as_root=()
+[ "$(id -u)" -eq 0 ] || as_root=(sudo)
+export DEBIAN_FRONTEND=noninteractive
+"${as_root[@]}" apt-get update -qq
+"${as_root[@]}" apt-get install -y -qq --no-install-recommends \
+  -o DPkg::Lock::Timeout=600 "${missing[@]}" >/dev/null
