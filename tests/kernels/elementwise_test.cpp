@@ -1,0 +1,52 @@
+// Element-wise kernels on every instruction set: the same bits as the plain formula.
+#include <gtest/gtest.h>
+
+#include "kernels/kernels.h"
+#include "support/ModelBuilder.h"
+#include "support/reference.h"
+#include "support/targets.h"
+
+namespace ravu::test {
+namespace {
+
+TEST(ReluKernel, GivesTheSameBitsOnEveryProcessor) {
+  for_each_target([] {
+    for (std::size_t n = 0; n < 70; ++n) {
+      const auto input = random_values(n + 1, static_cast<unsigned>(n));
+      const std::vector<float> shifted(input.begin() + 1, input.end());
+      std::vector<float> output(n);
+      kernels::relu(input.data() + 1, output.data(), n, 0.1F);
+      EXPECT_EQ(output, reference::relu(shifted, 0.1F)) << n;
+    }
+  });
+}
+
+TEST(ReluKernel, WorksInPlace) {
+  for_each_target([] {
+    auto values = random_values(37, 1);
+    const auto expected = reference::relu(values, 0.0F);
+    kernels::relu(values.data(), values.data(), values.size(), 0.0F);
+    EXPECT_EQ(values, expected);
+  });
+}
+
+TEST(AddBiasKernel, RepeatsTheBiasOverRowsThatStandApart) {
+  for_each_target([] {
+    for (const std::size_t width : {1U, 3U, 16U, 37U}) {
+      for (const std::size_t bias_count : {1U, 2U, 16U, 37U, 41U, 200U}) {
+        const std::size_t rows = 5, stride = width + 3, phase = bias_count / 2;
+        const auto bias = random_values(bias_count, 2);
+        auto values = random_values(rows * stride, 3);
+        auto expected = values;
+        for (std::size_t i = 0; i < rows * width; ++i) {
+          expected[i / width * stride + i % width] += bias[(phase + i) % bias_count];
+        }
+        kernels::add_bias(values.data(), rows, width, stride, bias.data(), bias_count, phase);
+        EXPECT_EQ(values, expected) << width << " " << bias_count;
+      }
+    }
+  });
+}
+
+}  // namespace
+}  // namespace ravu::test

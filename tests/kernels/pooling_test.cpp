@@ -1,0 +1,34 @@
+// Pooling kernels on every instruction set: the same bits as the naive reference.
+#include <gtest/gtest.h>
+
+#include "kernels/kernels.h"
+#include "support/ModelBuilder.h"
+#include "support/reference.h"
+#include "support/targets.h"
+
+namespace ravu::test {
+namespace {
+
+TEST(PoolingKernel, GivesTheSameBitsOnEveryProcessor) {
+  for_each_target([] {
+    for (const int channels : {1, 3, 4, 15, 16, 17, 33}) {
+      for (const int pad : {0, 1, 2}) {
+        const reference::Pooling p{2, 7, 6, channels, 3, 2, pad, pad};
+        const auto input = random_values(static_cast<std::size_t>(2 * 7 * 6 * channels), 9);
+        const auto size = [](int n) { return static_cast<std::size_t>(n); };
+        const std::size_t out_h = size(reference::pooled_size(7, 3, 2, pad));
+        const std::size_t out_w = size(reference::pooled_size(6, 3, 2, pad));
+        const kernels::PoolingSizes sizes{2, 7, 6, size(channels), out_h,    out_w, 3,
+                                          3, 2, 2, size(pad),      size(pad)};
+        std::vector<float> output(2 * out_h * out_w * size(channels));
+        kernels::max_pooling(sizes, input.data(), output.data());
+        EXPECT_EQ(output, reference::pool(p, true, input)) << channels << " " << pad;
+        kernels::average_pooling(sizes, input.data(), output.data());
+        EXPECT_EQ(output, reference::pool(p, false, input)) << channels << " " << pad;
+      }
+    }
+  });
+}
+
+}  // namespace
+}  // namespace ravu::test
