@@ -1,0 +1,1 @@
+"""Python side of the ravu inference engine."""
