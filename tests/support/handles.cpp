@@ -1,4 +1,4 @@
-// Handles, views and one small network.
+// Handles and views.
 #include "support/handles.h"
 
 #include <stdexcept>
@@ -30,31 +30,8 @@ std::vector<float> run(ravu_network* network, const std::vector<float>& image, s
   return values_of(ravu_getOutput_blob(network, 0));
 }
 
-Dictionary neuron(const char* input, const char* output, int features, int outputs,
-                  const std::vector<float>& weights, const std::vector<float>& bias) {
-  return layer("neuron", {input}, {output})
-      .add("spec", Dictionary().add("num_output", outputs))
-      .add("weight", tensor({features, outputs, 1, 1}, weights))
-      .add("has_bias", 1)
-      .add("bias", tensor({1, 1, 1, outputs}, bias));
-}
-
-ModelBuilder input_only(int size, int channels) {
-  return ModelBuilder(size, channels).set("layers", list({}));
-}
-
 std::vector<float> input_values(const Handle& handle) {
   return values_of(*handle.network().input);
-}
-
-ModelBuilder small_classifier() {
-  ModelBuilder model(2, 1);
-  model.add_layer(layer("relu", {"data"}, {"rectified"}));
-  model.add_layer(
-      layer("pool", {"rectified"}, {"pooled"}).add("psize", 2).add("stride", 2).add("mode", "max"));
-  model.add_layer(neuron("pooled", "scores", 1, 2, {1, 2}, {1, 5}));
-  model.set("label_names", texts({"cat", "dog"}));
-  return model;
 }
 
 }  // namespace ravu::test

@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "api/handle.h"
-#include "support/ModelBuilder.h"
 #include "support/blobs.h"
+#include "support/models.h"
 
 namespace ravu::test {
 
@@ -34,19 +34,7 @@ bool is_all_zero(const ravu_blob_view& view);
 std::vector<float> run(ravu_network* network, const std::vector<float>& image,
                        std::uint32_t mode = RAVU_MODE_CPU);
 
-// A record "neuron": outputs = input x weights + bias; the weights lie row after row, one row for
-// each of the input's values.
-Dictionary neuron(const char* input, const char* output, int features, int outputs,
-                  const std::vector<float>& weights, const std::vector<float>& bias);
-
-// A model that is its input alone.
-ModelBuilder input_only(int size, int channels);
-
 // What the network's input holds.
 std::vector<float> input_values(const Handle& handle);
-
-// 2 x 2 images of one channel -> rectifier "rectified" -> "pooled", the greatest of the four ->
-// fully connected "scores" of two values: pooled + 1 and 2 pooled + 5.
-ModelBuilder small_classifier();
 
 }  // namespace ravu::test
