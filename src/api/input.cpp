@@ -61,8 +61,8 @@ ravu_blob* ravu_create_data_blob(ravu_network* network, const uint8_t* bytes, ui
 bool ravu_set_InputData(ravu_network* network, ravu_blob** blobs, uint32_t n) {
   if (network == nullptr || blobs == nullptr || n == 0) return false;
   for (uint32_t i = 0; i < n; ++i) {
-    // A Blob given twice is copied to both places and released with the last one. Kept: each time
-    // loses the mean once more.
+    // Kept: an image given twice loses the mean each time, so its second copy differs. It is
+    // released with the last one.
     const BlobPtr image(
         std::find(blobs + i + 1, blobs + n, blobs[i]) == blobs + n ? to_blob(blobs[i]) : nullptr);
     if (blobs[i] != nullptr) copy_image(*to_network(network), *to_blob(blobs[i]), i);
