@@ -77,7 +77,10 @@ bool ravu_setup_runEngine(ravu_network* network, uint32_t mode) {
 void ravu_forward(ravu_network* network, uint32_t mode) {
   if (network == nullptr) return;
   if (mode == RAVU_MODE_CPU || mode == RAVU_MODE_FIXED_POINT) {
-    forward_cpu(*to_network(network), mode);
+    or_fallback(false, [&] {
+      forward_cpu(*to_network(network), mode);
+      return true;
+    });
   } else if (mode == RAVU_MODE_RESERVED) {
     // Kept: the reserved mode's notice names this file and line as they once were.
     std::printf("%s(#%d), in run_forward_mkldnn\n", "src\\graph\\ravuGraph", 593);

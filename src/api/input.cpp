@@ -45,6 +45,7 @@ ravu_blob* ravu_create_data_blob(ravu_network* network, const uint8_t* bytes, ui
   const auto layout = network == nullptr ? kInterleaved : to_network(network)->layout;
   const auto shape = make_shape(1, height, width, channels, layout);
   if (network == nullptr || bytes == nullptr || !shape || shape->count == 0) return nullptr;
+  if (std::uint64_t{shape->count} * sizeof(float) > machine_memory()) return nullptr;
   return or_fallback<ravu_blob*>(nullptr, [&] {
     auto blob = std::make_unique<Blob>();
     static_cast<Shape&>(*blob) = *shape;
@@ -60,7 +61,8 @@ ravu_blob* ravu_create_data_blob(ravu_network* network, const uint8_t* bytes, ui
 bool ravu_set_InputData(ravu_network* network, ravu_blob** blobs, uint32_t n) {
   if (network == nullptr || blobs == nullptr || n == 0) return false;
   for (uint32_t i = 0; i < n; ++i) {
-    // A Blob given twice is copied to both places and released with the last one.
+    // Kept: an image given twice loses the mean each time, so its second copy differs. It is
+    // released with the last one.
     const BlobPtr image(
         std::find(blobs + i + 1, blobs + n, blobs[i]) == blobs + n ? to_blob(blobs[i]) : nullptr);
     if (blobs[i] != nullptr) copy_image(*to_network(network), *to_blob(blobs[i]), i);

@@ -18,10 +18,11 @@ namespace ravu {
 namespace {
 
 // Every Blob's shape and storage before a shape change. Unless the change is committed, they are
-// put back: storage is counted by reference, so the old blocks live as long as this record.
+// put back: storage is counted by reference, so the old blocks live as long as this record. Putting
+// back needs no memory.
 class ShapeChange {
  public:
-  explicit ShapeChange(Network& network) : network_(network) {
+  explicit ShapeChange(const Network& network) {
     remember(*network.input);
     for (const BlobPtr& blob : network.graph_blobs) remember(*blob);
     for (const BlobPtr& blob : network.params) remember(*blob);
@@ -34,9 +35,8 @@ class ShapeChange {
     for (Saved& saved : blobs_) {
       static_cast<Shape&>(*saved.blob) = saved.shape;
       saved.blob->storage = std::move(saved.storage);
-      saved.blob->data = saved.blob->storage.get();
+      saved.blob->data = saved.data;
     }
-    network_.bind_borrowers();
   }
 
   void commit() { committed_ = true; }
@@ -46,11 +46,11 @@ class ShapeChange {
     Blob* blob;
     Shape shape;
     std::shared_ptr<float> storage;
+    float* data;
   };
 
-  void remember(Blob& blob) { blobs_.push_back({&blob, blob, blob.storage}); }
+  void remember(Blob& blob) { blobs_.push_back({&blob, blob, blob.storage, blob.data}); }
 
-  Network& network_;
   std::vector<Saved> blobs_;
   bool committed_ = false;
 };

@@ -156,11 +156,11 @@ void read_layers(const Tag& list, std::span<const LayerRow> table, LoadState& st
 
 LoadResult read_network(const Tag& root_element, const LoadOptions& options) {
   LoadResult result;
-  auto network = std::make_unique<Network>();
-  LoadState state;
-  state.network = network.get();
-  const Record root{root_element, &state};
   try {
+    auto network = std::make_unique<Network>();
+    LoadState state;
+    state.network = network.get();
+    const Record root{root_element, &state};
     if (!root_element || root_element.type != kTagDictionary) {
       state.fail({}, "the file is not a model: its root is no dictionary");
     } else {
@@ -174,13 +174,10 @@ LoadResult read_network(const Tag& root_element, const LoadOptions& options) {
       if (!state.failed) give_storage(state, options.memory_limit);
       if (!state.failed) read_labels(root);
     }
+    if (!state.failed) result.network = std::move(network);
+    result.reason = std::move(state.reason);
   } catch (const std::bad_alloc&) {
-    state.fail({}, "out of memory");
-  }
-  if (state.failed) {
-    result.reason = state.reason;
-  } else {
-    result.network = std::move(network);
+    result.reason = "out of memory";  // so short that a string needs no memory for it
   }
   return result;
 }
