@@ -13,7 +13,7 @@ for target in build/fuzz/tests/fuzz/*_fuzzer; do
   dictionary=()
   [ ! -f tests/fuzz/keys.dict ] || dictionary=(-dict=tests/fuzz/keys.dict)
   log=build/fuzz/$name.log
-  if "$target" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 -print_final_stats=1 \
+  if "$target" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 -print_final_stats=1 -close_fd_mask=3 \
       -artifact_prefix=build/fuzz/ "${dictionary[@]}" "$corpus" "${seeds[@]}" >"$log" 2>&1; then
     echo "$name: clean after $seconds s," \
       "$(sed -n 's/stat::number_of_executed_units: *//p' "$log") inputs"

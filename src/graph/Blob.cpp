@@ -40,11 +40,14 @@ void install(Blob& blob, std::shared_ptr<float> storage) {
   blob.data = blob.storage.get();
 }
 
-bool depends_on(const Blob& blob, const Blob& other) {
-  for (const Blob* b = &blob; b != nullptr; b = b->lender) {
-    if (b == &other) return true;
+// The last lender of the chain that starts at `blob`. Chains are halved on the way, so that a
+// long one is not walked again and again.
+Blob& root_of(Blob& blob) {
+  Blob* b = &blob;
+  for (; b->lender != nullptr; b = b->lender) {
+    if (b->lender->lender != nullptr) b->lender = b->lender->lender;
   }
-  return false;
+  return *b;
 }
 
 }  // namespace
@@ -137,14 +140,17 @@ void free_storage(Blob& blob) {
 }
 
 void borrow(Blob& blob, Blob& lender) {
-  if (depends_on(lender, blob)) return;
-  free_storage(blob);
-  blob.lender = &lender;
+  Blob& root = root_of(lender);
+  if (&root == &blob) return;
+  blob.lender = &root;
   bind(blob);
 }
 
-void bind(Blob& borrower) {
-  borrower.data = borrower.lender->count >= borrower.count ? borrower.lender->data : nullptr;
+void bind(Blob& blob) {
+  if (blob.lender == nullptr) return;
+  const Blob& root = root_of(blob);
+  blob.storage = root.count >= blob.count ? root.storage : nullptr;
+  blob.data = blob.storage.get();
 }
 
 }  // namespace ravu

@@ -33,15 +33,16 @@ struct Blob : Shape {
   std::uint32_t producers = 0;  // layers that write it; above 1 in in-place chains
   float* data = nullptr;        // the elements: its own storage, or the lender's
   std::string name;
-  std::shared_ptr<float> storage;  // set when the Blob has storage of its own
-  Blob* lender = nullptr;          // set when the Blob shows another Blob's storage instead
+  std::shared_ptr<float> storage;  // keeps `data` alive: its own block, or the lender's
+  Blob* lender = nullptr;          // set when the Blob shows another Blob's storage
 };
 
 // A Blob record that is released (storage included) when its holder goes.
 using BlobPtr = std::unique_ptr<Blob>;
 
-// The shape with these dims, its count their product; none when a dim is negative or the count
-// would pass kMaxCount. Dims are signed and 64 bits wide so that shape rules need no checks.
+// The shape with these dims, its count their product; none when a dim is negative or the product
+// of the dims before the first 0 passes kMaxCount: whoever loops over the outer dims relies on
+// that. Dims are signed and 64 bits wide so that shape rules need no checks.
 std::optional<Shape> make_shape(std::int64_t batch, std::int64_t height, std::int64_t width,
                                 std::int64_t channels, std::uint32_t layout);
 
@@ -74,14 +75,16 @@ void to_interleaved(Blob& blob, std::uint32_t plane_size, std::uint32_t channels
 void subtract_repeated(float* destination, const float* source, const float* mean, float factor,
                        std::size_t n, std::size_t mean_count);
 
-// Gives back the Blob's own storage, if any, and leaves it without data. May be called twice.
+// Gives back the Blob's storage, if any, and leaves it without data. May be called twice.
 void free_storage(Blob& blob);
 
-// Makes `blob` show `lender`'s storage instead of storage of its own. Nothing changes when the
-// lender itself depends on `blob`.
+// Makes `blob` show the storage of `lender`, or of whom that one borrows from, instead of storage
+// of its own. Nothing changes when that is `blob` itself: such a chain keeps its storage.
 void borrow(Blob& blob, Blob& lender);
 
-// Points a borrower at its lender's data; null where the lender has fewer elements.
-void bind(Blob& borrower);
+// Points a borrower at the data of the last lender of its chain; null where that one has fewer
+// elements. Needed whenever a lender may have got other storage; until then the borrower shows the
+// old one. Does nothing to a Blob that does not borrow.
+void bind(Blob& blob);
 
 }  // namespace ravu

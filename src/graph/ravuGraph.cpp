@@ -68,15 +68,6 @@ std::unordered_map<const Blob*, std::uint32_t> count_in_place_reads(const Networ
   return reads;
 }
 
-// Binds one borrower after everything that it depends on.
-void bind_chain(Blob& borrower) {
-  std::vector<Blob*> chain;
-  for (Blob* b = &borrower; b->lender != nullptr && b->data == nullptr; b = b->lender) {
-    chain.push_back(b);
-  }
-  std::for_each(chain.rbegin(), chain.rend(), [](Blob* b) { bind(*b); });
-}
-
 }  // namespace
 
 void Network::set_input(BlobPtr blob) {
@@ -122,9 +113,6 @@ void Network::collect_outputs() {
 
 void Network::change_input_shape(const Shape& shape) {
   ShapeChange change(*this);
-  for (const BlobPtr& blob : graph_blobs) {
-    if (blob->lender != nullptr) blob->data = nullptr;
-  }
   const std::uint64_t limit = machine_memory();
   std::uint64_t grown = std::uint64_t{shape.count} * sizeof(float);
   if (grown > limit) throw std::bad_alloc();
@@ -142,11 +130,8 @@ void Network::change_input_shape(const Shape& shape) {
 }
 
 void Network::bind_borrowers() {
-  for (const BlobPtr& blob : graph_blobs) {
-    if (blob->lender != nullptr) blob->data = nullptr;
-  }
-  for (const BlobPtr& blob : graph_blobs) bind_chain(*blob);
-  bind_chain(*input);
+  for (const BlobPtr& blob : graph_blobs) bind(*blob);
+  bind(*input);
 }
 
 std::uint64_t Network::storage_bytes() const {

@@ -13,7 +13,7 @@ struct LoadState {
   Network* network = nullptr;
   bool quantised = false;  // "need_quant"
   bool failed = false;
-  std::string reason;  // "layer 3 (conv \"conv1\"): stride: must be at least 1"
+  std::string reason;  // "layer 3 (conv): stride: the key is missing"
   std::string where;   // which record is being read, for the reason
 
   // Keeps the first reason; `key` may be empty when the rule concerns no single key.

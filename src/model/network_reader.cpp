@@ -37,6 +37,7 @@ Sizes read_sizes(const Record& root) {
 void average_channels(Blob& mean) {
   const std::size_t channels = mean.dims[3];
   const std::size_t pixels = std::size_t{mean.dims[1]} * mean.dims[2];
+  if (pixels == 0) return;
   for (std::size_t c = 0; c < channels; ++c) {
     double sum = 0;
     for (std::size_t p = 0; p < pixels; ++p) sum += mean.data[p * channels + c];

@@ -43,17 +43,17 @@ void wire_inputs(const Record& record, const char* label, BaseLayer& layer) {
 }
 
 void wire_outputs(const Record& record, const std::optional<Shape>& shape, BaseLayer& layer) {
-  if (!shape) {
-    record.state->fail({}, "the output would have a negative size or 2^31 elements and more");
-    return;
-  }
   const Tag names = get_tag_from_memory(record.dictionary, "output_layers");
   for (TagWalk walk(names); walk.next();) {
     Network& network = *record.state->network;
     const std::string_view name = tag_text(walk.child);
     const auto known = network.blobs_by_name.find(name);
-    Blob& blob =
-        known != network.blobs_by_name.end() ? *known->second : network.add_blob(*shape, name);
+    const bool is_new = known == network.blobs_by_name.end();
+    if (is_new && !shape) {
+      record.state->fail({}, "the output would have a negative size or 2^31 elements and more");
+      return;
+    }
+    Blob& blob = is_new ? network.add_blob(*shape, name) : *known->second;
     layer.outputs.push_back(&blob);
     ++blob.producers;
   }

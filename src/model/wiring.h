@@ -13,8 +13,8 @@ namespace ravu {
 void wire_inputs(const Record& record, const char* label, BaseLayer& layer);
 
 // Links the Blobs named by "output_layers": an existing Blob of that name (the layer works in place
-// or shares an output), else a new one of the given shape, without storage. Without a shape the
-// load fails.
+// or shares an output), else a new one of the given shape, without storage. A new one without a
+// shape fails the load.
 void wire_outputs(const Record& record, const std::optional<Shape>& shape, BaseLayer& layer);
 
 }  // namespace ravu
