@@ -182,14 +182,16 @@ LoadResult read_network(const Tag& root_element, const LoadOptions& options) {
   return result;
 }
 
-LoadResult load_network(const char* path, const LoadOptions& options) {
-  LoadResult result;
+LoadResult open_network(const char* path, const LoadOptions& options) {
   const FileImage image = load_file(path);
-  if (image) {
-    result = read_network(root_tag(image.get()), options);
-  } else {
-    result.reason = "the file cannot be read, or is shorter than its header says";
-  }
+  if (image) return read_network(root_tag(image.get()), options);
+  LoadResult result;
+  result.reason = "the file cannot be read, or is shorter than its header says";
+  return result;
+}
+
+LoadResult load_network(const char* path, const LoadOptions& options) {
+  LoadResult result = open_network(path, options);
   if (!result.network) {
     std::fprintf(stderr, "Fail to parse model (%s)\n", path == nullptr ? "" : path);
   }

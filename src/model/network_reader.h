@@ -23,7 +23,10 @@ struct LoadResult {
   std::string reason;                // then: the first reason, for people
 };
 
-// Loads the model file. On failure prints "Fail to parse model (%s)\n" to standard error.
+// Loads the model file; prints nothing of its own.
+LoadResult open_network(const char* path, const LoadOptions& options);
+
+// The same, but prints "Fail to parse model (%s)\n" to standard error when it fails.
 LoadResult load_network(const char* path, const LoadOptions& options);
 
 // Builds the network of a root element in memory; prints nothing of its own.

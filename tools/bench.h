@@ -1,0 +1,67 @@
+// ravu bench: how long a network takes, and how that compares with the matrix product of the BLAS
+// library on the same machine at the same time.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/layer_costs.h"
+
+namespace ravu::tools {
+
+struct BenchOptions {
+  std::string model;
+  std::uint32_t warm_up = 3;
+  std::uint32_t repeats = 20;
+  std::uint32_t batch = 1;
+  std::uint32_t mode = 0;
+  std::uint32_t threads = 0;  // 0: the BLAS library's own default
+  bool layers = false;
+  bool reference = false;
+  bool json = false;
+};
+
+// Seconds: the extremes, the quartiles and the median of a number of measurements.
+struct Timing {
+  double minimum = 0, lower = 0, median = 0, upper = 0, maximum = 0;
+};
+
+// Quartiles lie between measurements where their number asks for it. Needs at least one.
+Timing summarise_times(std::vector<double> seconds);
+
+// Billions of operations in a second, two for each multiply-add.
+double gflops(std::uint64_t multiply_adds, double seconds);
+
+struct LayerTiming {
+  std::string class_name;
+  std::string output;
+  std::array<std::uint32_t, 4> shape{};
+  std::uint64_t multiply_adds = 0;
+  Timing time;
+};
+
+struct BenchReport {
+  std::string model;
+  std::array<std::uint32_t, 4> input{};
+  std::uint32_t mode = 0;
+  std::uint32_t threads = 0;
+  std::uint32_t warm_up = 0;
+  std::uint32_t repeats = 0;
+  std::uint64_t multiply_adds = 0;  // of a pass
+  Timing pass;
+  std::optional<Timing> reference;  // one product of kReferenceSide
+  std::vector<LayerTiming> layers;  // empty unless asked for
+};
+
+// The reference product multiplies two square matrices of this side.
+inline constexpr std::uint32_t kReferenceSide = 1536;
+inline constexpr std::uint64_t kReferenceMultiplyAdds =
+    std::uint64_t{kReferenceSide} * kReferenceSide * kReferenceSide;
+
+// Throws Failure.
+void run_bench(const BenchOptions& options);
+
+}  // namespace ravu::tools

@@ -1,0 +1,113 @@
+// The only file that sends standard output elsewhere for a while.
+#include "common/model.h"
+
+#include <cblas.h>
+
+#include <cstdio>
+#include <stdexcept>
+
+#ifdef _WIN32
+#include <io.h>
+#else
+#include <unistd.h>
+#endif
+
+#include "api/handle.h"
+#include "common/failure.h"
+#include "layers/ConvLayer.h"
+#include "layers/FullyConnectLayer.h"
+#include "model/network_reader.h"
+
+namespace ravu::tools {
+namespace {
+
+#ifdef _WIN32
+constexpr auto copy_descriptor = _dup;
+constexpr auto replace_descriptor = _dup2;
+constexpr auto close_descriptor = _close;
+#else
+constexpr auto copy_descriptor = dup;
+constexpr auto replace_descriptor = dup2;
+constexpr auto close_descriptor = close;
+#endif
+
+// While it lives, what anybody prints to standard output appears on standard error.
+class OutputToStderr {
+ public:
+  OutputToStderr() {
+    std::fflush(stdout);
+    saved_ = copy_descriptor(kOutput);
+    if (saved_ >= 0) replace_descriptor(kError, kOutput);
+  }
+  OutputToStderr(const OutputToStderr&) = delete;
+  OutputToStderr& operator=(const OutputToStderr&) = delete;
+  ~OutputToStderr() {
+    std::fflush(stdout);
+    if (saved_ < 0) return;
+    replace_descriptor(saved_, kOutput);
+    close_descriptor(saved_);
+  }
+
+ private:
+  static constexpr int kOutput = 1;
+  static constexpr int kError = 2;
+  int saved_;
+};
+
+// Whether the fixed-point mode would have to leave layers without their operator.
+bool needs_fixed_point(const Network& network) {
+  for (const auto& layer : network.layers) {
+    if (dynamic_cast<const ConvLayer*>(layer.get()) != nullptr ||
+        dynamic_cast<const FullyConnectLayer*>(layer.get()) != nullptr) {
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
+std::unique_ptr<Network> open_model(const std::string& path, bool channel_mean,
+                                    std::uint32_t batch) {
+  LoadOptions options;
+  options.channel_mean = channel_mean;
+  options.batch = batch;
+  const OutputToStderr notices;
+  LoadResult result = open_network(path.c_str(), options);
+  if (!result.network) throw Failure(path + ": " + result.reason);
+  return std::move(result.network);
+}
+
+void set_threads(std::uint32_t threads) {
+  if (threads > 0) openblas_set_num_threads(static_cast<int>(threads));
+}
+
+std::uint32_t threads_in_use() {
+  return static_cast<std::uint32_t>(openblas_get_num_threads());
+}
+
+void set_up(Network& network, std::uint32_t mode) {
+  const std::string name = "run mode " + std::to_string(mode);
+  if (mode == RAVU_MODE_FIXED_POINT && needs_fixed_point(network)) {
+    throw Failure(name + ": this version of ravu has no fixed-point library; use run mode 0");
+  }
+  bool prepared = false;
+  try {
+    prepared = ravu_setup_runEngine(to_handle(&network), mode);
+  } catch (const std::runtime_error& error) {
+    throw Failure(name + ": " + error.what());
+  }
+  if (!prepared) throw Failure(name + " cannot be set up: not provided, or out of memory");
+}
+
+void feed(Network& network, const std::vector<float>& values) {
+  const auto& dims = network.input->dims;
+  ravu_set_InputData_byRawData_float(to_handle(&network), values.data(), dims[0], dims[1], dims[2],
+                                     dims[3]);
+}
+
+void run(Network& network, std::uint32_t mode) {
+  ravu_forward(to_handle(&network), mode);
+}
+
+}  // namespace ravu::tools

@@ -1,0 +1,35 @@
+// Opening, preparing and running a model for a subcommand, through the engine's interface where it
+// has one, so that the program behaves as any host does.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "graph/ravuGraph.h"
+
+namespace ravu::tools {
+
+// Loads a model file. While it loads, the engine's notices go to standard error, since standard
+// output holds results only. Throws Failure with the path and the first reason.
+std::unique_ptr<Network> open_model(const std::string& path, bool channel_mean,
+                                    std::uint32_t batch);
+
+// Sets the number of threads of the BLAS library, which the engine follows; 0 leaves the library's
+// own default. To be called before `set_up`.
+void set_threads(std::uint32_t threads);
+
+// The number in force.
+std::uint32_t threads_in_use();
+
+// Prepares the network for a run mode. Throws Failure when the mode cannot be had.
+void set_up(Network& network, std::uint32_t mode);
+
+// Copies one whole batch of interleaved values into the input.
+void feed(Network& network, const std::vector<float>& values);
+
+// One forward pass.
+void run(Network& network, std::uint32_t mode);
+
+}  // namespace ravu::tools

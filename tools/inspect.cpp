@@ -1,0 +1,103 @@
+// The layer table needs a model that loads; the tag tree any file of elements that fit together.
+#include "inspect.h"
+
+#include "common/failure.h"
+#include "common/model.h"
+#include "common/printing.h"
+#include "json.h"
+
+namespace ravu::tools {
+namespace {
+
+std::string table_of(const ModelSummary& summary) {
+  using enum Table::Align;
+  Table table({{"index", kRight},
+               {"class"},
+               {"output"},
+               {"shape"},
+               {"parameters", kRight},
+               {"multiply-adds", kRight}});
+  std::size_t index = 0;
+  for (const LayerLine& layer : summary.layers) {
+    table.add_row({std::to_string(index++), layer.class_name,
+                   layer.output.empty() ? "-" : printable(layer.output), dims_text(layer.shape),
+                   std::to_string(layer.costs.parameters),
+                   std::to_string(layer.costs.multiply_adds)});
+  }
+  table.add_row({"", "total", "", "", std::to_string(summary.total.parameters),
+                 std::to_string(summary.total.multiply_adds)});
+  return table.text();
+}
+
+std::string text_of(const ModelSummary& summary) {
+  std::string mean = "none";
+  if (summary.has_mean) mean = summary.preprocess ? "subtracted" : "not subtracted";
+  std::string outputs;
+  for (const std::string& name : summary.outputs) {
+    outputs += (outputs.empty() ? "" : ", ") + printable(name);
+  }
+  return "input    " + dims_text(summary.input) + "\nmean     " + mean + "\nlabels   " +
+         std::to_string(summary.labels) + "\noutputs  " + outputs + "\n\n" + table_of(summary);
+}
+
+void append_node(const TagNode& node, std::size_t depth, std::string& text) {
+  text += std::string(depth * 2, ' ');
+  if (!node.key.empty()) text += node.key + ": ";
+  text += node.type + ' ' + std::to_string(node.length);
+  if (!node.value.empty()) text += ' ' + node.value;
+  if (!node.note.empty()) text += "  (" + node.note + ")";
+  text += '\n';
+  for (const TagNode& child : node.children) append_node(child, depth + 1, text);
+}
+
+TagNode read_tags_of(const std::string& path) {
+  const FileImage image = load_file(path.c_str());
+  if (!image) throw Failure(path + ": the file cannot be read, or is shorter than its header says");
+  return read_tag_tree(root_tag(image.get()));
+}
+
+}  // namespace
+
+ModelSummary summarise(const Network& network, const std::string& model) {
+  ModelSummary summary;
+  summary.model = model;
+  summary.input = network.input->dims;
+  summary.has_mean = network.mean != nullptr;
+  summary.preprocess = network.preprocess;
+  summary.labels = network.labels.size();
+  const Blob* listed = nullptr;
+  for (const Blob* output : network.outputs) {
+    // A Blob is listed once for each layer that writes it.
+    if (output != listed) summary.outputs.push_back(output->name);
+    listed = output;
+  }
+  for (const auto& layer : network.layers) {
+    LayerLine line;
+    line.class_name = layer_class(*layer);
+    line.costs = layer_costs(*layer);
+    const Blob* output = last_output(*layer);
+    if (output != nullptr) {
+      line.output = output->name;
+      line.shape = output->dims;
+    }
+    summary.total.parameters += line.costs.parameters;
+    summary.total.multiply_adds += line.costs.multiply_adds;
+    summary.layers.push_back(line);
+  }
+  return summary;
+}
+
+void run_inspect(const InspectOptions& options) {
+  if (options.tags) {
+    const TagNode root = read_tags_of(options.model);
+    if (options.json) return print(to_json(root));
+    std::string text;
+    append_node(root, 0, text);
+    return print(text);
+  }
+  const auto network = open_model(options.model, /*channel_mean=*/false, options.batch);
+  const ModelSummary summary = summarise(*network, options.model);
+  print(options.json ? to_json(summary) : text_of(summary));
+}
+
+}  // namespace ravu::tools

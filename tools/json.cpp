@@ -1,0 +1,115 @@
+// The only file that knows the JSON library, which is slow to compile.
+#include "json.h"
+
+#include <nlohmann/json.hpp>
+
+namespace ravu::tools {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+std::string text_of(const Json& json) {
+  return json.dump(2, ' ', /*ensure_ascii=*/false, Json::error_handler_t::replace) + '\n';
+}
+
+Json json_of(const Timing& time) {
+  return {{"min_ms", time.minimum * 1e3},
+          {"lower_quartile_ms", time.lower * 1e3},
+          {"median_ms", time.median * 1e3},
+          {"upper_quartile_ms", time.upper * 1e3},
+          {"max_ms", time.maximum * 1e3}};
+}
+
+// With the speeds that go with the times.
+Json json_of(const Timing& time, std::uint64_t multiply_adds) {
+  Json json = json_of(time);
+  json["multiply_adds"] = multiply_adds;
+  json["gflops_at_min"] = gflops(multiply_adds, time.minimum);
+  json["gflops_at_median"] = gflops(multiply_adds, time.median);
+  return json;
+}
+
+Json json_of(const TagNode& node) {
+  Json json = Json::object();
+  if (!node.key.empty()) json["key"] = node.key;
+  json["type"] = node.type;
+  json["length"] = node.length;
+  if (node.type == "dictionary" || node.type == "list") {
+    Json children = Json::array();
+    for (const TagNode& child : node.children) children.push_back(json_of(child));
+    json["children"] = std::move(children);
+  } else {
+    json["value"] = node.value;
+  }
+  if (!node.note.empty()) json["note"] = node.note;
+  return json;
+}
+
+}  // namespace
+
+std::string to_json(const std::vector<Classification>& results) {
+  Json array = Json::array();
+  for (const Classification& result : results) {
+    Json predictions = Json::array();
+    for (const Prediction& best : result.predictions) {
+      predictions.push_back({{"label", best.label}, {"index", best.index}, {"score", best.score}});
+    }
+    array.push_back({{"image", result.image}, {"predictions", std::move(predictions)}});
+  }
+  return text_of(array);
+}
+
+std::string to_json(const ModelSummary& summary) {
+  Json layers = Json::array();
+  for (const LayerLine& layer : summary.layers) {
+    layers.push_back({{"index", layers.size()},
+                      {"class", layer.class_name},
+                      {"output", layer.output},
+                      {"shape", layer.shape},
+                      {"parameters", layer.costs.parameters},
+                      {"multiply_adds", layer.costs.multiply_adds}});
+  }
+  return text_of({{"model", summary.model},
+                  {"input", summary.input},
+                  {"mean", summary.has_mean},
+                  {"mean_subtracted", summary.has_mean && summary.preprocess},
+                  {"labels", summary.labels},
+                  {"outputs", summary.outputs},
+                  {"parameters", summary.total.parameters},
+                  {"multiply_adds", summary.total.multiply_adds},
+                  {"layers", std::move(layers)}});
+}
+
+std::string to_json(const TagNode& root) {
+  return text_of(json_of(root));
+}
+
+std::string to_json(const BenchReport& report) {
+  Json json = {{"model", report.model},     {"input", report.input},
+               {"mode", report.mode},       {"threads", report.threads},
+               {"warm_up", report.warm_up}, {"repeats", report.repeats}};
+  json["pass"] = json_of(report.pass, report.multiply_adds);
+  if (report.reference) {
+    json["reference"] = json_of(*report.reference, kReferenceMultiplyAdds);
+    json["reference"]["side"] = kReferenceSide;
+    json["pass_to_reference_at_min"] = gflops(report.multiply_adds, report.pass.minimum) /
+                                       gflops(kReferenceMultiplyAdds, report.reference->minimum);
+    json["pass_to_reference_at_median"] = gflops(report.multiply_adds, report.pass.median) /
+                                          gflops(kReferenceMultiplyAdds, report.reference->median);
+  }
+  if (!report.layers.empty()) {
+    Json layers = Json::array();
+    for (const LayerTiming& layer : report.layers) {
+      Json entry = {{"index", layers.size()},
+                    {"class", layer.class_name},
+                    {"output", layer.output},
+                    {"shape", layer.shape}};
+      entry.update(json_of(layer.time, layer.multiply_adds));
+      layers.push_back(std::move(entry));
+    }
+    json["layers"] = std::move(layers);
+  }
+  return text_of(json);
+}
+
+}  // namespace ravu::tools

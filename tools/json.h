@@ -1,0 +1,19 @@
+// The results of all subcommands as JSON text. Each is one value and ends with a line feed; bytes
+// that are no UTF-8 are replaced, numbers that JSON does not have are null.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "bench.h"
+#include "classify.h"
+#include "inspect.h"
+
+namespace ravu::tools {
+
+std::string to_json(const std::vector<Classification>& results);
+std::string to_json(const ModelSummary& summary);
+std::string to_json(const TagNode& root);
+std::string to_json(const BenchReport& report);
+
+}  // namespace ravu::tools

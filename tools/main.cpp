@@ -1,0 +1,152 @@
+// ravu: the engine from the command line.
+//
+//   ravu classify MODEL IMAGE...   names what images show
+//   ravu inspect MODEL             shows what a model file holds
+//   ravu bench MODEL               measures how fast a model runs
+//
+// Results go to standard output, everything else to standard error. The exit code is 0, 1 when
+// something could not be done, or 2 when the command line is wrong. This is the only file that
+// includes CLI11, which is slow to compile.
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <map>
+#include <new>
+
+#include "bench.h"
+#include "classify.h"
+#include "inspect.h"
+
+namespace {
+
+using namespace ravu::tools;
+
+constexpr int kFailed = 1;
+constexpr int kMisused = 2;
+constexpr std::uint32_t kMostThreads = 1024;
+constexpr std::uint32_t kMostRepeats = 1000000;
+
+void add_model(CLI::App& command, std::string& model) {
+  command.add_option("MODEL", model, "Model file")->required();
+}
+
+void add_mode_and_threads(CLI::App& command, std::uint32_t& mode, std::uint32_t& threads) {
+  command
+      .add_option("--mode", mode,
+                  "Run mode: 0 processor, 2 GPU, 3 processor with 8-bit kernels, 4 GPU keeping the "
+                  "weights in memory")
+      ->check(CLI::IsMember({0U, 2U, 3U, 4U}))
+      ->capture_default_str();
+  command
+      .add_option("--threads", threads,
+                  "Threads of the BLAS library and of the engine (default: the BLAS library's own, "
+                  "usually one per processor)")
+      ->check(CLI::Range(1U, kMostThreads));
+}
+
+void add_json(CLI::App& command, bool& json) {
+  command.add_flag("--json", json, "Print one JSON value instead of text");
+}
+
+void add_classify(CLI::App& app, ClassifyOptions& options) {
+  CLI::App& command = *app.add_subcommand("classify", "Name what images show");
+  add_model(command, options.model);
+  command.add_option("IMAGE", options.images, "JPEG or PNG files; they run one after another")
+      ->required();
+  command.add_option("--top", options.top, "How many labels to print for each image")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
+  const std::map<std::string, Framing> framings{
+      {"squash", Framing::kSquash}, {"crop", Framing::kCrop}, {"letterbox", Framing::kLetterbox}};
+  command
+      .add_option(
+          "--fit", options.framing,
+          "How an image fills the network's input: squash it, crop its centre, or letterbox "
+          "it with grey borders (default: squash)")
+      ->transform(CLI::Transformer(framings))
+      ->check(CLI::IsMember(framings))
+      ->option_text("squash|crop|letterbox");
+  command.add_flag("--bgr", options.bgr, "Feed the channels in the order blue, green, red");
+  command.add_flag("--channel-mean", options.channel_mean,
+                   "Replace the model's mean image by its average per channel");
+  add_mode_and_threads(command, options.mode, options.threads);
+  add_json(command, options.json);
+  command
+      .add_option("--sheet", options.sheet,
+                  "Also draw the images (at most 500) with their best label and score")
+      ->option_text("FILE.png");
+  command.footer(
+      "Prints one line per label: image, rank, score and label, separated by tabs.\n"
+      "An image that cannot be read gets a line on standard error, the others go on.");
+}
+
+void add_inspect(CLI::App& app, InspectOptions& options) {
+  CLI::App& command = *app.add_subcommand("inspect", "Show what a model file holds");
+  add_model(command, options.model);
+  command.add_option("--batch", options.batch, "Images in a batch, for shapes and multiply-adds")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
+  command.add_flag("--tags", options.tags,
+                   "Show the tree of elements instead of the layers; works for damaged models too");
+  add_json(command, options.json);
+  command.footer("Multiply-adds are those of convolutions and fully connected layers.");
+}
+
+void add_bench(CLI::App& app, BenchOptions& options) {
+  CLI::App& command = *app.add_subcommand("bench", "Measure how fast a model runs");
+  add_model(command, options.model);
+  command.add_option("--warm-up", options.warm_up, "Passes before the measurement")
+      ->check(CLI::Range(0U, kMostRepeats))
+      ->capture_default_str();
+  command.add_option("--repeats", options.repeats, "Passes that are measured")
+      ->check(CLI::Range(1U, kMostRepeats))
+      ->capture_default_str();
+  command.add_option("--batch", options.batch, "Images in a pass")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
+  add_mode_and_threads(command, options.mode, options.threads);
+  command.add_flag("--layers", options.layers,
+                   "Also time every layer, in passes of their own with a clock between the layers "
+                   "(run modes 0 and 3)");
+  command.add_flag("--reference", options.reference,
+                   "Also time the BLAS library's product of two 1536 x 1536 matrices in between");
+  add_json(command, options.json);
+  command.footer(
+      "GF/s are billions of operations a second, two for each multiply-add of convolutions and\n"
+      "fully connected layers. The input holds seeded values.");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Run, inspect and measure neural networks");
+  app.name("ravu");
+  app.set_version_flag("--version", "ravu " RAVU_VERSION);
+  app.require_subcommand(1);
+  ClassifyOptions classify;
+  InspectOptions inspect;
+  BenchOptions bench;
+  add_classify(app, classify);
+  add_inspect(app, inspect);
+  add_bench(app, bench);
+  try {
+    app.parse(argc, argv);
+    if (bench.layers && bench.mode != 0 && bench.mode != 3) {
+      throw CLI::ValidationError("--layers", "needs run mode 0 or 3");
+    }
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : kMisused;
+  }
+  try {
+    if (app.got_subcommand("classify")) return run_classify(classify) ? 0 : kFailed;
+    if (app.got_subcommand("inspect")) run_inspect(inspect);
+    if (app.got_subcommand("bench")) run_bench(bench);
+  } catch (const std::bad_alloc&) {
+    std::fputs("ravu: out of memory\n", stderr);
+    return kFailed;
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "ravu: %s\n", error.what());
+    return kFailed;
+  }
+  return 0;
+}
