@@ -195,7 +195,7 @@ std::string text_of(const BenchReport& report) {
     const auto ratio = [&](double pass, double product) {
       return fixed(gflops(report.multiply_adds, pass) / gflops(kReferenceMultiplyAdds, product), 3);
     };
-    table.add_row({"pass / sgemm", "", "", "", "", "",
+    table.add_row({"pass/sgemm", "-", "-", "-", "-", "-",
                    ratio(report.pass.minimum, report.reference->minimum),
                    ratio(report.pass.median, report.reference->median)});
   }

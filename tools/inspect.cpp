@@ -24,7 +24,7 @@ std::string table_of(const ModelSummary& summary) {
                    std::to_string(layer.costs.parameters),
                    std::to_string(layer.costs.multiply_adds)});
   }
-  table.add_row({"", "total", "", "", std::to_string(summary.total.parameters),
+  table.add_row({"-", "total", "-", "-", std::to_string(summary.total.parameters),
                  std::to_string(summary.total.multiply_adds)});
   return table.text();
 }

@@ -26,8 +26,9 @@ std::string fixed(double value, int digits) {
 }
 
 std::string dims_text(const std::array<std::uint32_t, 4>& dims) {
-  return std::to_string(dims[0]) + " x " + std::to_string(dims[1]) + " x " +
-         std::to_string(dims[2]) + " x " + std::to_string(dims[3]);
+  std::string text;
+  for (const std::uint32_t dim : dims) text += (text.empty() ? "" : "x") + std::to_string(dim);
+  return text;
 }
 
 Table::Table(std::vector<Column> columns) : columns_(std::move(columns)) {

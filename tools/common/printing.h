@@ -16,7 +16,7 @@ std::string printable(std::string_view text);
 // A number in fixed notation with this many digits behind the point.
 std::string fixed(double value, int digits);
 
-// "1 x 224 x 224 x 3"
+// "1x224x224x3"
 std::string dims_text(const std::array<std::uint32_t, 4>& dims);
 
 // Columns padded to their widest entry, two spaces between them, one line per row.

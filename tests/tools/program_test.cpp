@@ -1,0 +1,108 @@
+// What holds for every subcommand: exit codes, one line for each failure, clean streams.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "support/program.h"
+#include "support/small_models.h"
+
+namespace ravu::test {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+using ::testing::StartsWith;
+
+void expect_failure(const Outcome& outcome, const std::string& line) {
+  EXPECT_EQ(outcome.code, 1);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err, line + '\n');
+}
+
+TEST(Program, HelpGoesToStandardOutput) {
+  const Outcome outcome = run_ravu({"--help"});
+  EXPECT_EQ(outcome.code, 0);
+  EXPECT_THAT(outcome.out, HasSubstr("classify"));
+  EXPECT_THAT(outcome.err, IsEmpty());
+}
+
+TEST(Program, MisuseEndsWithTwoAndAMessage) {
+  const std::vector<std::vector<std::string>> misuses{{},
+                                                      {"unknown"},
+                                                      {"inspect"},
+                                                      {"inspect", "m", "--what"},
+                                                      {"classify", "m"},
+                                                      {"classify", "m", "i", "--mode", "1"},
+                                                      {"classify", "m", "i", "--mode", "x"},
+                                                      {"classify", "m", "i", "--threads", "0"},
+                                                      {"classify", "m", "i", "--top", "0"},
+                                                      {"classify", "m", "i", "--fit", "stretch"},
+                                                      {"bench", "m", "--repeats", "0"},
+                                                      {"bench", "m", "--batch", "-1"},
+                                                      {"bench", "m", "--layers", "--mode", "2"}};
+  for (const auto& arguments : misuses) {
+    const Outcome outcome = run_ravu(arguments);
+    EXPECT_EQ(outcome.code, 2) << ::testing::PrintToString(arguments);
+    EXPECT_THAT(outcome.out, IsEmpty());
+    EXPECT_NE(outcome.err, "");
+  }
+}
+
+TEST(Program, AMissingModelIsOneLine) {
+  const std::string reason =
+      "ravu: /no/model: the file cannot be read, or is shorter than its header says";
+  expect_failure(run_ravu({"inspect", "/no/model"}), reason);
+  expect_failure(run_ravu({"inspect", "/no/model", "--tags"}), reason);
+  expect_failure(run_ravu({"bench", "/no/model"}), reason);
+  expect_failure(run_ravu({"classify", "/no/model", "image"}), reason);
+}
+
+TEST(Program, AModelThatDoesNotLoadIsOneLineWithItsReason) {
+  const TemporaryFile model(
+      ModelBuilder(8, 3)
+          .add_layer(layer("pool", {"data"}, {"pooled"}).add("psize", 3).add("mode", "max"))
+          .bytes());
+  expect_failure(
+      run_ravu({"inspect", model.path()}),
+      std::string("ravu: ") + model.path() + ": layer 0 (pool): stride: the key is missing");
+}
+
+TEST(Program, ABatchThatNoMemoryHoldsIsOneLine) {
+  const TemporaryFile model(small_network().bytes());
+  const Outcome outcome = run_ravu({"inspect", model.path(), "--batch", "4000000000"});
+  EXPECT_EQ(outcome.code, 1);
+  EXPECT_THAT(lines_of(outcome.err), SizeIs(1));
+}
+
+TEST(Program, ARunModeThatCannotBeHadIsOneLine) {
+  const TemporaryFile model(small_network().bytes());
+  for (const char* mode : {"2", "4"}) {
+    const Outcome outcome = run_ravu({"bench", model.path(), "--mode", mode});
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_THAT(outcome.out, IsEmpty());
+    EXPECT_THAT(lines_of(outcome.err), SizeIs(1));
+    EXPECT_THAT(outcome.err, StartsWith(std::string("ravu: run mode ") + mode + ": failed to "));
+  }
+  expect_failure(
+      run_ravu({"bench", model.path(), "--mode", "3"}),
+      "ravu: run mode 3: this version of ravu has no fixed-point library; use run mode 0");
+}
+
+TEST(Program, TheEnginesNoticesStayOffStandardOutput) {
+  const TemporaryFile model(
+      ModelBuilder(2, 3).add_layer(layer("max", {"nowhere", "data"}, {"prob"})).bytes());
+  const Outcome outcome = run_ravu({"inspect", model.path(), "--json"});
+  EXPECT_EQ(outcome.code, 0);
+  EXPECT_THAT(outcome.out, StartsWith("{"));
+  EXPECT_THAT(outcome.err, HasSubstr("[WARNING]\tSoftmax still not hit nowhere."));
+}
+
+TEST(Program, ResultsThatCannotBeWrittenAreAFailure) {
+  const TemporaryFile model(small_network().bytes());
+  const Outcome outcome = run_ravu({"inspect", model.path()}, "/dev/full");
+  EXPECT_EQ(outcome.code, 1);
+  EXPECT_THAT(outcome.err, StartsWith("ravu: cannot write the results: "));
+}
+
+}  // namespace
+}  // namespace ravu::test
