@@ -63,8 +63,7 @@ void add_classify(CLI::App& app, ClassifyOptions& options) {
           "--fit", options.framing,
           "How an image fills the network's input: squash it, crop its centre, or letterbox "
           "it with grey borders (default: squash)")
-      ->transform(CLI::Transformer(framings))
-      ->check(CLI::IsMember(framings))
+      ->transform(CLI::CheckedTransformer(framings))
       ->option_text("squash|crop|letterbox");
   command.add_flag("--bgr", options.bgr, "Feed the channels in the order blue, green, red");
   command.add_flag("--channel-mean", options.channel_mean,

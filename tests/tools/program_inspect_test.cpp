@@ -59,7 +59,7 @@ TEST(ProgramInspect, TagsShowTheFileAsItIs) {
   const TemporaryFile model(ModelBuilder(2, 3).set("labels", texts({"a"})).bytes());
   EXPECT_THAT(
       lines_of(run_ravu({"inspect", model.path(), "--tags"}).out),
-      ElementsAre("dictionary 184", "  layout: text 8 \"BHWC\"", "  input_size: int 4 2",
+      ElementsAre("dictionary 208", "  layout: text 8 \"BHWC\"", "  input_size: int 4 2",
                   "  image_size: int 4 2", "  input_channel_num: int 4 3",
                   "  input_name: text 8 \"data\"", "  labels: list 12", "    text 4 \"a\""));
 }
