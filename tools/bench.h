@@ -57,7 +57,7 @@ struct BenchReport {
 };
 
 // The reference product multiplies two square matrices of this side.
-inline constexpr std::uint32_t kReferenceSide = 1536;
+inline constexpr std::uint32_t kReferenceSide = 1024;
 inline constexpr std::uint64_t kReferenceMultiplyAdds =
     std::uint64_t{kReferenceSide} * kReferenceSide * kReferenceSide;
 

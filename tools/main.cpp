@@ -108,7 +108,7 @@ void add_bench(CLI::App& app, BenchOptions& options) {
                    "Also time every layer, in passes of their own with a clock between the layers "
                    "(run modes 0 and 3)");
   command.add_flag("--reference", options.reference,
-                   "Also time the BLAS library's product of two 1536 x 1536 matrices in between");
+                   "Also time the BLAS library's product of two 1024 x 1024 matrices in between");
   add_json(command, options.json);
   command.footer(
       "GF/s are billions of operations a second, two for each multiply-add of convolutions and\n"

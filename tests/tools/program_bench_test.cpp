@@ -56,7 +56,7 @@ TEST_F(ProgramBench, LayersAddOneEntryPerLayer) {
 
 TEST_F(ProgramBench, TheReferenceGivesTheRatio) {
   const json report = bench({"--reference"});
-  EXPECT_EQ(report["reference"]["side"], 1536);
+  EXPECT_EQ(report["reference"]["side"], 1024);
   EXPECT_GT(report["reference"]["gflops_at_min"], 0);
   EXPECT_NEAR(report["pass_to_reference_at_min"].get<double>(),
               report["pass"]["gflops_at_min"].get<double>() /

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "common/image_file.h"
@@ -192,6 +193,22 @@ TEST_F(ProgramClassify, ASheetThatCannotBeWrittenIsOneLine) {
 TEST_F(ProgramClassify, ThreadsDoNotChangeTheScores) {
   EXPECT_EQ(run_ravu({"classify", model.path(), red.path(), "--threads", "2"}).out,
             run_ravu({"classify", model.path(), red.path(), "--threads", "1"}).out);
+}
+
+TEST(DemoModel, NamesItsOwnPictures) {
+  const std::filesystem::path folder(RAVU_DEMO_FOLDER);
+  std::vector<std::string> arguments{"classify", (folder / "characters.ravu").string(), "--top",
+                                     "1", "--json"};
+  for (const auto& entry : std::filesystem::directory_iterator(folder / "images")) {
+    arguments.push_back(entry.path().string());
+  }
+  const json array = parse(run_ravu(arguments));
+  ASSERT_EQ(array.size(), arguments.size() - 5);
+  for (const json& result : array) {
+    // 01_Z.jpg shows a Z.
+    const std::string stem = std::filesystem::path(result["image"].get<std::string>()).stem();
+    EXPECT_EQ(result["predictions"][0]["label"], stem.substr(stem.find('_') + 1)) << stem;
+  }
 }
 
 }  // namespace

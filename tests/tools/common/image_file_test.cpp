@@ -138,7 +138,7 @@ TEST(JpegFile, EndlessScansAreRefused) {
   const auto last =
       std::find_end(file.begin(), file.end() - 2, scan_marker.begin(), scan_marker.end());
   const Bytes scan(last, file.end() - 2);
-  file.resize(file.size() - 2);
+  file.erase(file.end() - 2, file.end());
   for (int i = 0; i < 600; ++i) file.insert(file.end(), scan.begin(), scan.end());
   file.insert(file.end(), {0xFF, 0xD9});
   EXPECT_EQ(complaint_about(file), "the JPEG file has too many scans");
