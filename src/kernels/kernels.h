@@ -33,6 +33,25 @@ struct PoolingSizes {
 void max_pooling(const PoolingSizes& sizes, const float* input, float* output);
 void average_pooling(const PoolingSizes& sizes, const float* input, float* output);
 
+struct Lrn {
+  std::size_t channels;  // of a pixel; at least 1
+  std::size_t half;      // neighbours on each side that count
+  float factor;          // of each square
+  float power;           // that the denominators are raised to
+  float k;               // added to each sum
+};
+
+// How many pixels `lrn` treats side by side, and the floats of scratch memory that it needs for n
+// values.
+inline constexpr std::size_t kLrnBlockPixels = 8;
+std::size_t lrn_scratch_floats(std::size_t n, std::size_t channels);
+
+// scale[i] = k + the sum of factor * x^2 over the neighbouring channels that exist, subtracting and
+// adding as the window moves; output[i] = scale[i]^power * input[i], i < n. The power is an
+// approximation by bit manipulation, good to about four digits. The last pixel may be incomplete.
+void lrn(const Lrn& lrn, const float* input, float* scale, float* output, std::size_t n,
+         float* scratch);
+
 // One group of a convolution.
 struct ConvSizes {
   std::size_t batch, height, width;

@@ -6,6 +6,7 @@
 
 #include "layers/ConvLayer.h"
 #include "layers/FullyConnectLayer.h"
+#include "layers/LrnLayer.h"
 #include "layers/PoolingLayer.h"
 #include "layers/ReluLayer.h"
 #include "layers/SoftmaxLayer.h"
@@ -22,6 +23,7 @@ Fit fits_as(const BaseLayer& layer) {
 constexpr LayerRow kRows[] = {
     {"conv", 2, "Conv", read_conv, fits_as<ConvLayer>},
     {"gconv", 2, "GConv", read_grouped_conv, fits_as<ConvLayer>},
+    {"normalize", 9, "LRN", read_lrn, fits_as<LrnLayer>},
     {"neuron", 8, "FullyConnect", read_fully_connect, fits_as<FullyConnectLayer>},
     {"pool", 10, "Pooling", read_pooling, fits_as<PoolingLayer>},
     {"relu", 13, "ReLU", read_relu, fits_as<ReluLayer>},

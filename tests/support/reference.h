@@ -40,6 +40,15 @@ Sums fully_connect(int batch, int features, int outputs, const std::vector<float
 // is larger; the first that does not is put into *where.
 bool close_to(const std::vector<float>& values, const Sums& sums, std::size_t* where);
 
+// x to the power p, approximated by bit manipulation.
+float fast_power(float x, float p);
+struct LrnResult {
+  std::vector<float> scale;
+  std::vector<float> output;
+};
+LrnResult lrn(int channels, int size, float alpha, float beta, float k,
+              const std::vector<float>& input);
+
 std::vector<float> relu(const std::vector<float>& input, float slope);
 std::vector<float> softmax(const std::vector<float>& input, std::size_t length);
 
