@@ -52,6 +52,24 @@ std::size_t lrn_scratch_floats(std::size_t n, std::size_t channels);
 void lrn(const Lrn& lrn, const float* input, float* scale, float* output, std::size_t n,
          float* scratch);
 
+// squares[i] = input[i]^2; i < n.
+void square(const float* input, float* squares, std::size_t n);
+
+struct NormalizeSizes {
+  std::size_t images;
+  std::size_t image;             // floats from one image to the next
+  std::size_t pixels, channels;  // of an image
+};
+
+// norms[n] = the root of the sum of image n's squares.
+void image_norms(const NormalizeSizes& sizes, const float* squares, float* norms);
+
+// Adds the squares of each pixel onto its norm, takes the root, and divides the pixel's channels by
+// it; then scales each image by scale[0] (shared) or run c of `pixels` values by scale[c]. The
+// norms and the squares may be the same array when a pixel has one channel.
+void normalize_pixels(const NormalizeSizes& sizes, const float* input, const float* squares,
+                      float* norms, const float* scale, bool shared, float* output);
+
 // One group of a convolution.
 struct ConvSizes {
   std::size_t batch, height, width;

@@ -7,6 +7,7 @@
 #include "layers/ConvLayer.h"
 #include "layers/FullyConnectLayer.h"
 #include "layers/LrnLayer.h"
+#include "layers/NormalizeLayer.h"
 #include "layers/PoolingLayer.h"
 #include "layers/ReluLayer.h"
 #include "layers/SoftmaxLayer.h"
@@ -27,6 +28,7 @@ constexpr LayerRow kRows[] = {
     {"neuron", 8, "FullyConnect", read_fully_connect, fits_as<FullyConnectLayer>},
     {"pool", 10, "Pooling", read_pooling, fits_as<PoolingLayer>},
     {"relu", 13, "ReLU", read_relu, fits_as<ReluLayer>},
+    {"norm", 15, "normalize", read_normalize, fits_as<NormalizeLayer>},
     {"max", 14, "Softmax", read_softmax, fits_as<SoftmaxLayer>},
 };
 

@@ -49,6 +49,16 @@ struct LrnResult {
 LrnResult lrn(int channels, int size, float alpha, float beta, float k,
               const std::vector<float>& input);
 
+struct Normalize {
+  int images, pixels, channels;
+  bool channel_shared;
+};
+// One run of the per-pixel form. Squares and norms are what the last run left; they may be one
+// vector.
+std::vector<float> normalize(const Normalize& n, const std::vector<float>& input,
+                             const std::vector<float>& scale, std::vector<float>& squares,
+                             std::vector<float>& norms);
+
 std::vector<float> relu(const std::vector<float>& input, float slope);
 std::vector<float> softmax(const std::vector<float>& input, std::size_t length);
 
