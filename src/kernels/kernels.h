@@ -70,6 +70,54 @@ void image_norms(const NormalizeSizes& sizes, const float* squares, float* norms
 void normalize_pixels(const NormalizeSizes& sizes, const float* input, const float* squares,
                       float* norms, const float* scale, bool shared, float* output);
 
+// Half the width and height of a prior box, in image pixels.
+struct HalfSides {
+  float width, height;
+};
+
+// The cells of a feature map and where their centres lie in the image, in pixels.
+struct PriorGrid {
+  std::size_t rows, columns;
+  float image_height, image_width;
+  float step_y, step_x;
+  float offset;  // of a centre within its cell, in cells
+};
+
+// Writes n boxes for each cell, row by row: xmin, ymin, xmax, ymax in parts of the image's size.
+void prior_boxes(const PriorGrid& grid, const HalfSides* boxes, std::size_t n, float* output);
+
+// Limits values to 0 and 1; not a number becomes 0.
+void clip_to_one(float* values, std::size_t n);
+
+// A box and its area, which is negative or positive as it falls for a box turned inside out.
+struct Box {
+  float xmin, ymin, xmax, ymax, size;
+};
+
+// How a location changes its prior box: its corners, its centre and the logarithms of its sides, or
+// its corners in parts of its sides.
+inline constexpr std::uint32_t kCornerBox = 1;
+inline constexpr std::uint32_t kCentreSizeBox = 2;
+inline constexpr std::uint32_t kCornerSizeBox = 3;
+
+// The box of a location (four floats) relative to a prior box (four). Each value of the location
+// is multiplied by its variance (four; null: none) first. All zeros for another code type.
+Box decode_box(std::uint32_t code_type, const float* location, const float* prior,
+               const float* variances);
+
+// Boxes, one array per coordinate. The arrays are kBoxPadding longer than what they hold.
+struct BoxColumns {
+  float *xmin, *ymin, *xmax, *ymax, *size;
+};
+inline constexpr std::size_t kBoxPadding = 16;
+
+// Walks n boxes and keeps those that overlap no kept box by more than the threshold (intersection
+// over union). While the threshold is above 0.5 and eta below 1, each kept box multiplies it by
+// eta. Moves the kept boxes to the front, their positions into `survivors` (room for n), and
+// returns their number.
+std::size_t suppress(const BoxColumns& boxes, std::size_t n, float threshold, float eta,
+                     std::uint32_t* survivors);
+
 // One group of a convolution.
 struct ConvSizes {
   std::size_t batch, height, width;

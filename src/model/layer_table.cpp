@@ -9,6 +9,7 @@
 #include "layers/LrnLayer.h"
 #include "layers/NormalizeLayer.h"
 #include "layers/PoolingLayer.h"
+#include "layers/PriorBoxLayer.h"
 #include "layers/ReluLayer.h"
 #include "layers/SoftmaxLayer.h"
 #include "model/records/records.h"
@@ -29,6 +30,7 @@ constexpr LayerRow kRows[] = {
     {"pool", 10, "Pooling", read_pooling, fits_as<PoolingLayer>},
     {"relu", 13, "ReLU", read_relu, fits_as<ReluLayer>},
     {"norm", 15, "normalize", read_normalize, fits_as<NormalizeLayer>},
+    {"priorbox", 16, "PriorBox", read_prior_box, fits_as<PriorBoxLayer>},
     {"max", 14, "Softmax", read_softmax, fits_as<SoftmaxLayer>},
 };
 

@@ -59,6 +59,28 @@ std::vector<float> normalize(const Normalize& n, const std::vector<float>& input
                              const std::vector<float>& scale, std::vector<float>& squares,
                              std::vector<float>& norms);
 
+struct PriorBoxes {
+  int map_h, map_w, image_h, image_w, step_h, step_w;  // one step 0: both derived
+  float offset;
+  bool clip;
+  std::vector<float> min_sizes, max_sizes, aspect_ratios, variances;
+};
+// Both rows, with room for num_priors boxes per cell.
+std::vector<float> prior_boxes(const PriorBoxes& p, int num_priors);
+
+struct Detection {
+  int images, priors, classes, loc_classes;
+  bool share_location;
+  int code_type;
+  bool variance_encoded;
+  int keep_top_k, top_k, background;
+  float confidence_threshold, nms_threshold, eta;
+};
+// The table of detections, cut to whole rows within `room` floats and filled up with zeros.
+std::vector<float> detection_output(const Detection& d, const std::vector<float>& locations,
+                                    const std::vector<float>& confidences,
+                                    const std::vector<float>& priors, std::size_t room);
+
 std::vector<float> relu(const std::vector<float>& input, float slope);
 std::vector<float> softmax(const std::vector<float>& input, std::size_t length);
 
