@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "layers/ConvLayer.h"
+#include "layers/DetectionOutputLayer.h"
 #include "layers/FullyConnectLayer.h"
 #include "layers/LrnLayer.h"
 #include "layers/NormalizeLayer.h"
@@ -31,6 +32,7 @@ constexpr LayerRow kRows[] = {
     {"relu", 13, "ReLU", read_relu, fits_as<ReluLayer>},
     {"norm", 15, "normalize", read_normalize, fits_as<NormalizeLayer>},
     {"priorbox", 16, "PriorBox", read_prior_box, fits_as<PriorBoxLayer>},
+    {"detectionout", 17, "DetectionOutput", read_detection_output, fits_as<DetectionOutputLayer>},
     {"max", 14, "Softmax", read_softmax, fits_as<SoftmaxLayer>},
 };
 
