@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 
 #include "kernels/convert.h"
 #include "kernels/kernels.h"
@@ -43,6 +44,9 @@ HalfSides between(float min_size, float max_size) {
 
 // Kept: `flip` is not asked; the reciprocal of a ratio is a ratio of its own in the list.
 std::vector<HalfSides> boxes_of_a_cell(const PriorBoxLayer& layer) {
+  std::vector<float> ratios;
+  std::remove_copy_if(layer.aspect_ratios.begin(), layer.aspect_ratios.end(),
+                      std::back_inserter(ratios), is_one);
   std::vector<HalfSides> boxes;
   boxes.reserve(boxes_per_cell(layer));
   for (std::size_t s = 0; s < layer.min_sizes.size(); ++s) {
@@ -51,8 +55,7 @@ std::vector<HalfSides> boxes_of_a_cell(const PriorBoxLayer& layer) {
     if (!layer.max_sizes.empty()) {
       boxes.push_back(between(layer.min_sizes[s], layer.max_sizes[s]));
     }
-    for (const float ratio : layer.aspect_ratios) {
-      if (is_one(ratio)) continue;
+    for (const float ratio : ratios) {
       const float root = std::sqrt(ratio);
       boxes.push_back({root * side * 0.5F, side / root * 0.5F});
     }
