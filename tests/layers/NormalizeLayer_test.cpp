@@ -80,6 +80,20 @@ TEST(NormalizeLayerForward, ASecondRunAddsOntoTheNormsOfTheFirst) {
   EXPECT_EQ(normalizer.run({3, 4}), (std::vector<float>{3 / norm, 4 / norm}));
 }
 
+TEST(NormalizeLayerForward, TheSecondOfTwoLayersThatShareNormsAddsOntoTheFirstOnes) {
+  NormalizeLayer first, second;
+  std::vector<BlobPtr> params;
+  LayerRig a(configure(first, {1.0F})), b(configure(second, {1.0F}));
+  for (LayerRig* rig : {&a, &b}) {
+    rig->add_input({1, 1, 1, 2}, {3, 4});
+    rig->add_output({1, 1, 1, 2});
+    rig->layer.Setup(0, params);
+  }
+  EXPECT_EQ(a.run(), (std::vector<float>{0.6F, 0.8F}));
+  const float norm = std::sqrt(30.0F);
+  EXPECT_EQ(b.run(), (std::vector<float>{3 / norm, 4 / norm}));
+}
+
 TEST(NormalizeLayerForward, TheRootsOfLaterImagesAreTakenWithEachImage) {
   Normalizer normalizer({3, 1, 1, 2}, {1.0F});
   normalizer.run({3, 4, 3, 4, 3, 4});
