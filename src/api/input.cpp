@@ -12,15 +12,18 @@ void convert(const uint8_t* bytes, std::size_t n, float* floats) {
   std::transform(bytes, bytes + n, floats, [](uint8_t b) { return static_cast<float>(b); });
 }
 
-// Brings the input to the wanted dims. Null when they cannot be had; nothing has changed then.
+// Brings the input to the wanted dims, to be filled by the caller. Null when they cannot be had;
+// nothing has changed then.
 Blob* input_of_shape(ravu_network* handle, uint32_t batch, uint32_t height, uint32_t width,
                      uint32_t channels) {
   Network& network = *to_network(handle);
   const auto shape = make_shape(batch, height, width, channels, network.input->layout);
   if (!shape || shape->count == 0) return nullptr;
-  return or_fallback<Blob*>(nullptr, [&] {
+  return or_fallback<Blob*>(nullptr, [&]() -> Blob* {
     if (network.input->dims != shape->dims) network.change_input_shape(*shape);
-    return network.input->data == nullptr ? nullptr : network.input.get();
+    if (network.input->data == nullptr) return nullptr;
+    network.clear_for_input();
+    return network.input.get();
   });
 }
 
@@ -60,6 +63,7 @@ ravu_blob* ravu_create_data_blob(ravu_network* network, const uint8_t* bytes, ui
 
 bool ravu_set_InputData(ravu_network* network, ravu_blob** blobs, uint32_t n) {
   if (network == nullptr || blobs == nullptr || n == 0) return false;
+  to_network(network)->clear_for_input();
   for (uint32_t i = 0; i < n; ++i) {
     // Kept: an image given twice loses the mean each time, so its second copy differs. It is
     // released with the last one.

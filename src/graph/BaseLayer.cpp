@@ -98,4 +98,11 @@ Blob& shared_scratch(std::vector<BlobPtr>& params, const Shape& shape) {
   return *params.back();
 }
 
+void fit_scratch(Blob& scratch, const Shape& shape) {
+  const bool same = same_dims_and_layout(scratch, shape) && scratch.count == shape.count;
+  if (same && scratch.data != nullptr) return;
+  free_storage(scratch);
+  reshape(scratch, shape);
+}
+
 }  // namespace ravu

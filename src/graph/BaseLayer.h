@@ -86,4 +86,8 @@ bool has_data(const Blob* input, const Blob* output);
 // shapes share one scratch Blob.
 Blob& shared_scratch(std::vector<BlobPtr>& params, const Shape& shape);
 
+// Gives a scratch Blob this shape, count included, and zeroed storage unless it has them already:
+// after a shape change the layers that share it may differ. Throws std::bad_alloc.
+void fit_scratch(Blob& scratch, const Shape& shape);
+
 }  // namespace ravu

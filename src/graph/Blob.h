@@ -35,6 +35,7 @@ struct Blob : Shape {
   std::string name;
   std::shared_ptr<float> storage;  // keeps `data` alive: its own block, or the lender's
   Blob* lender = nullptr;          // set when the Blob shows another Blob's storage
+  bool cleared_by_input = false;   // zeroed whenever the network is handed new input
 };
 
 // A Blob record that is released (storage included) when its holder goes.

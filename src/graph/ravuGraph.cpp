@@ -129,6 +129,12 @@ void Network::change_input_shape(const Shape& shape) {
   change.commit();
 }
 
+void Network::clear_for_input() {
+  for (const BlobPtr& blob : params) {
+    if (blob->cleared_by_input && blob->data != nullptr) std::fill_n(blob->data, blob->count, 0.0F);
+  }
+}
+
 void Network::bind_borrowers() {
   for (const BlobPtr& blob : graph_blobs) bind(*blob);
   bind(*input);

@@ -60,6 +60,10 @@ struct Network {
   // network is as it was before, and std::bad_alloc is thrown.
   void change_input_shape(const Shape& shape);
 
+  // Zeroes the parameter Blobs that add up from run to run. Called with every new input, so that
+  // one input and one forward run always give the same result.
+  void clear_for_input();
+
   // Points every borrowing Blob at the storage of the root of its chain.
   void bind_borrowers();
 

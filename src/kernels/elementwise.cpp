@@ -7,21 +7,13 @@
 #include <hwy/foreach_target.h>
 #include <hwy/highway.h>
 
+#include "kernels/for_each_vector-inl.h"
+
 HWY_BEFORE_NAMESPACE();
 namespace ravu::kernels::HWY_NAMESPACE {
 namespace {
 
 namespace hn = hwy::HWY_NAMESPACE;
-
-// Calls step(d, i) for whole vectors of elements, then for the rest one by one.
-template <class Step>
-void for_each_vector(std::size_t n, Step step) {
-  const hn::ScalableTag<float> d;
-  const hn::CappedTag<float, 1> one;
-  std::size_t i = 0;
-  for (; i + hn::Lanes(d) <= n; i += hn::Lanes(d)) step(d, i);
-  for (; i < n; ++i) step(one, i);
-}
 
 void relu(const float* input, float* output, std::size_t n, float slope) {
   for_each_vector(n, [=](auto d, std::size_t i) {

@@ -33,6 +33,91 @@ struct PoolingSizes {
 void max_pooling(const PoolingSizes& sizes, const float* input, float* output);
 void average_pooling(const PoolingSizes& sizes, const float* input, float* output);
 
+struct Lrn {
+  std::size_t channels;  // of a pixel; at least 1
+  std::size_t half;      // neighbours on each side that count
+  float factor;          // of each square
+  float power;           // that the denominators are raised to
+  float k;               // added to each sum
+};
+
+// How many pixels `lrn` treats side by side, and the floats of scratch memory that it needs for n
+// values.
+inline constexpr std::size_t kLrnBlockPixels = 8;
+std::size_t lrn_scratch_floats(std::size_t n, std::size_t channels);
+
+// scale[i] = k + the sum of factor * x^2 over the neighbouring channels that exist, subtracting and
+// adding as the window moves; output[i] = scale[i]^power * input[i], i < n. The power is an
+// approximation by bit manipulation, good to about four digits. The last pixel may be incomplete.
+void lrn(const Lrn& lrn, const float* input, float* scale, float* output, std::size_t n,
+         float* scratch);
+
+// squares[i] = input[i]^2; i < n.
+void square(const float* input, float* squares, std::size_t n);
+
+struct NormalizeSizes {
+  std::size_t images;
+  std::size_t image;             // floats from one image to the next
+  std::size_t pixels, channels;  // of an image
+};
+
+// norms[n] = the root of the sum of image n's squares.
+void image_norms(const NormalizeSizes& sizes, const float* squares, float* norms);
+
+// Adds the squares of each pixel onto its norm, takes the root, and divides the pixel's channels by
+// it; then scales each image by scale[0] (shared) or run c of `pixels` values by scale[c]. The
+// norms and the squares may be the same array when a pixel has one channel.
+void normalize_pixels(const NormalizeSizes& sizes, const float* input, const float* squares,
+                      float* norms, const float* scale, bool shared, float* output);
+
+// Half the width and height of a prior box, in image pixels.
+struct HalfSides {
+  float width, height;
+};
+
+// The cells of a feature map and where their centres lie in the image, in pixels.
+struct PriorGrid {
+  std::size_t rows, columns;
+  float image_height, image_width;
+  float step_y, step_x;
+  float offset;  // of a centre within its cell, in cells
+};
+
+// Writes n boxes for each cell, row by row: xmin, ymin, xmax, ymax in parts of the image's size.
+void prior_boxes(const PriorGrid& grid, const HalfSides* boxes, std::size_t n, float* output);
+
+// Limits values to 0 and 1; not a number becomes 0.
+void clip_to_one(float* values, std::size_t n);
+
+// A box and its area, which is negative or positive as it falls for a box turned inside out.
+struct Box {
+  float xmin, ymin, xmax, ymax, size;
+};
+
+// How a location changes its prior box: its corners, its centre and the logarithms of its sides, or
+// its corners in parts of its sides.
+inline constexpr std::uint32_t kCornerBox = 1;
+inline constexpr std::uint32_t kCentreSizeBox = 2;
+inline constexpr std::uint32_t kCornerSizeBox = 3;
+
+// The box of a location (four floats) relative to a prior box (four). Each value of the location
+// is multiplied by its variance (four; null: none) first. All zeros for another code type.
+Box decode_box(std::uint32_t code_type, const float* location, const float* prior,
+               const float* variances);
+
+// Boxes, one array per coordinate. The arrays are kBoxPadding longer than what they hold.
+struct BoxColumns {
+  float *xmin, *ymin, *xmax, *ymax, *size;
+};
+inline constexpr std::size_t kBoxPadding = 16;
+
+// Walks n boxes and keeps those that overlap no kept box by more than the threshold (intersection
+// over union). While the threshold is above 0.5 and eta below 1, each kept box multiplies it by
+// eta. Moves the kept boxes to the front, their positions into `survivors` (room for n), and
+// returns their number.
+std::size_t suppress(const BoxColumns& boxes, std::size_t n, float threshold, float eta,
+                     std::uint32_t* survivors);
+
 // One group of a convolution.
 struct ConvSizes {
   std::size_t batch, height, width;

@@ -1,6 +1,7 @@
 // Building blocks of layer tests.
 #include "support/blobs.h"
 
+#include <bit>
 #include <utility>
 
 namespace ravu::test {
@@ -15,6 +16,14 @@ BlobPtr make_blob(Dims dims, const std::vector<float>& values) {
 std::vector<float> values_of(const Blob& blob) {
   if (blob.data == nullptr) return {};
   return {blob.data, blob.data + blob.count};
+}
+
+std::vector<std::uint32_t> bits_of(const std::vector<float>& values) {
+  std::vector<std::uint32_t> bits;
+  for (const float x : values) {
+    bits.push_back(x == x ? std::bit_cast<std::uint32_t>(x) : 0x7FC00000U);
+  }
+  return bits;
 }
 
 LayerRig::~LayerRig() {

@@ -20,6 +20,9 @@ BlobPtr make_blob(Dims dims, const std::vector<float>& values = {});
 
 std::vector<float> values_of(const Blob& blob);
 
+// The bits of the values, all NaNs alike: for comparing what may hold NaNs or zeros of both signs.
+std::vector<std::uint32_t> bits_of(const std::vector<float>& values);
+
 // Wires one layer to Blobs made from these inputs and an output of these dims, sets it up for
 // `mode` and can run it.
 struct LayerRig {

@@ -40,6 +40,47 @@ Sums fully_connect(int batch, int features, int outputs, const std::vector<float
 // is larger; the first that does not is put into *where.
 bool close_to(const std::vector<float>& values, const Sums& sums, std::size_t* where);
 
+// x to the power p, approximated by bit manipulation.
+float fast_power(float x, float p);
+struct LrnResult {
+  std::vector<float> scale;
+  std::vector<float> output;
+};
+LrnResult lrn(int channels, int size, float alpha, float beta, float k,
+              const std::vector<float>& input);
+
+struct Normalize {
+  int images, pixels, channels;
+  bool channel_shared;
+};
+// One run of the per-pixel form. Squares and norms are what the last run left; they may be one
+// vector.
+std::vector<float> normalize(const Normalize& n, const std::vector<float>& input,
+                             const std::vector<float>& scale, std::vector<float>& squares,
+                             std::vector<float>& norms);
+
+struct PriorBoxes {
+  int map_h, map_w, image_h, image_w, step_h, step_w;  // one step 0: both derived
+  float offset;
+  bool clip;
+  std::vector<float> min_sizes, max_sizes, aspect_ratios, variances;
+};
+// Both rows, with room for num_priors boxes per cell.
+std::vector<float> prior_boxes(const PriorBoxes& p, int num_priors);
+
+struct Detection {
+  int images, priors, classes, loc_classes;
+  bool share_location;
+  int code_type;
+  bool variance_encoded;
+  int keep_top_k, top_k, background;
+  float confidence_threshold, nms_threshold, eta;
+};
+// The table of detections, cut to whole rows within `room` floats and filled up with zeros.
+std::vector<float> detection_output(const Detection& d, const std::vector<float>& locations,
+                                    const std::vector<float>& confidences,
+                                    const std::vector<float>& priors, std::size_t room);
+
 std::vector<float> relu(const std::vector<float>& input, float slope);
 std::vector<float> softmax(const std::vector<float>& input, std::size_t length);
 

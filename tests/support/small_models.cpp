@@ -135,14 +135,53 @@ Bytes tangled() {
       .bytes();
 }
 
+// Both normalisations, one prior box in each of nine cells, detections of four classes.
+Bytes detector() {
+  return ModelBuilder(3, 4)
+      .add_layer(layer("normalize", {"data"}, {"l"})
+                     .add("size", 3)
+                     .add("alpha", 0.1F)
+                     .add("beta", 0.75F)
+                     .add("k", 1.0F))
+      .add_layer(layer("norm", {"l"}, {"n"})
+                     .add("across_spatial", 0)
+                     .add("channel_shared", 0)
+                     .add("scale", random_tensor({4}, 1)))
+      .add_layer(layer("max", {"n"}, {"s"}))
+      .add_layer(layer("priorbox", {"n", "data"}, {"p"})
+                     .add("offset", 0.5F)
+                     .add("flip", 1)
+                     .add("num_priors", 1)
+                     .add("clip", 1)
+                     .add("img_h", 0)
+                     .add("img_w", 0)
+                     .add("step_h", 0)
+                     .add("step_w", 0)
+                     .add("aspect_ratios", small_floats({1.0F}))
+                     .add("variance", small_floats({0.1F, 0.1F, 0.2F, 0.2F}))
+                     .add("min_size", small_floats({2.0F}))
+                     .add("max_size", small_floats({})))
+      .add_layer(layer("detectionout", {"l", "s", "p"}, {"d"})
+                     .add("num_classes", 4)
+                     .add("share_location", 1)
+                     .add("num_loc_classes", 1)
+                     .add("background_label_id", 0)
+                     .add("code_type", 2)
+                     .add("variance_encoded_in_target", 0)
+                     .add("top_k", 8)
+                     .add("keep_top_k", 5)
+                     .add("confidence_threshold", 0.1F)
+                     .add("nms_threshold", 0.6F)
+                     .add("eta", 0.9F))
+      .bytes();
+}
+
 }  // namespace
 
 std::vector<SmallModel> small_models() {
-  return {{"classifier", classifier()},
-          {"planar_classifier", planar_classifier()},
-          {"quantised", quantised()},
-          {"grouped", grouped()},
-          {"tangled", tangled()}};
+  return {{"classifier", classifier()}, {"planar_classifier", planar_classifier()},
+          {"quantised", quantised()},   {"grouped", grouped()},
+          {"tangled", tangled()},       {"detector", detector()}};
 }
 
 }  // namespace ravu::test

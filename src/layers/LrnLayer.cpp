@@ -1,0 +1,68 @@
+// The layer's Blobs; the arithmetic is one kernel over the whole input.
+#include "layers/LrnLayer.h"
+
+#include "graph/Workspace.h"
+#include "kernels/kernels.h"
+
+namespace ravu {
+namespace {
+
+std::size_t scratch_floats(const Blob& input) {
+  return kernels::lrn_scratch_floats(input.count, input.dims[3]);
+}
+
+bool ready(const LrnLayer& layer) {
+  return layer.scale != nullptr && has_data(last_input(layer), last_output(layer)) && fits(layer) &&
+         scratch_floats(*last_input(layer)) <= layer.workspace->size();
+}
+
+}  // namespace
+
+Fit fits(const LrnLayer& layer) {
+  const Blob* input = last_input(layer);
+  const Blob* output = last_output(layer);
+  if (input == nullptr) return {"local response normalisation needs an input"};
+  if (layer.size == 0) return {"size must be at least 1"};
+  if (output != nullptr && output->count < input->count) {
+    return {"the output is smaller than the input"};
+  }
+  if (input->count > 0 && input->dims[3] == 0) return {"the input has no channels"};
+  return {};
+}
+
+bool LrnLayer::Forward(std::uint32_t) {
+  if (!ready(*this)) return true;
+  const Blob& input = *last_input(*this);
+  fit_scratch(*scale, input);
+  const kernels::Lrn lrn{.channels = input.dims[3],
+                         .half = size / 2,
+                         .factor = alpha / static_cast<float>(size),
+                         .power = -beta,
+                         .k = k};
+  kernels::lrn(lrn, input.data, scale->data, last_output(*this)->data, input.count,
+               workspace->scratch());
+  return true;
+}
+
+bool LrnLayer::Setup(std::int32_t, std::vector<BlobPtr>& params) {
+  AllocateBlobs(/*in_place=*/false);
+  const Blob* input = last_input(*this);
+  if (input == nullptr) return true;
+  scale = &shared_scratch(params, *input);
+  workspace->reserve(scratch_floats(*input));
+  return true;
+}
+
+void LrnLayer::Reshape() {
+  reshape_like_input();
+  const Blob* input = last_input(*this);
+  if (input == nullptr || scale == nullptr) return;
+  fit_scratch(*scale, *input);
+  workspace->reserve(scratch_floats(*input));
+}
+
+void LrnLayer::ReleaseWeights() {
+  scale = nullptr;
+}
+
+}  // namespace ravu
