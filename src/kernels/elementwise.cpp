@@ -1,5 +1,7 @@
 // Kernels that treat each element by itself. The same bits on every processor: one rounding per
 // written operation, selects instead of minimum and maximum instructions.
+#include <cmath>
+
 #include "kernels/kernels.h"
 
 #undef HWY_TARGET_INCLUDE
@@ -20,6 +22,14 @@ void relu(const float* input, float* output, std::size_t n, float slope) {
     const auto x = hn::LoadU(d, input + i);
     const auto scaled = hn::Mul(x, hn::Set(d, slope));
     hn::StoreU(hn::IfThenElse(hn::Gt(scaled, x), scaled, x), d, output + i);
+  });
+}
+
+void multiply_and_add(const float* input, float* output, std::size_t n, float factor,
+                      float addend) {
+  for_each_vector(n, [=](auto d, std::size_t i) {
+    const auto scaled = hn::Mul(hn::LoadU(d, input + i), hn::Set(d, factor));
+    hn::StoreU(hn::Add(scaled, hn::Set(d, addend)), d, output + i);
   });
 }
 
@@ -50,10 +60,20 @@ HWY_AFTER_NAMESPACE();
 namespace ravu::kernels {
 
 HWY_EXPORT(relu);
+HWY_EXPORT(multiply_and_add);
 HWY_EXPORT(add_bias);
 
 void relu(const float* input, float* output, std::size_t n, float slope) {
   HWY_DYNAMIC_DISPATCH(relu)(input, output, n, slope);
+}
+
+void multiply_and_add(const float* input, float* output, std::size_t n, float factor,
+                      float addend) {
+  HWY_DYNAMIC_DISPATCH(multiply_and_add)(input, output, n, factor, addend);
+}
+
+void raise_to_power(const float* input, float* output, std::size_t n, float exponent) {
+  for (std::size_t i = 0; i < n; ++i) output[i] = std::pow(input[i], exponent);
 }
 
 void add_bias(float* first_row, std::size_t rows, std::size_t width, std::size_t stride,

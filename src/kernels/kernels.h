@@ -13,6 +13,17 @@ namespace ravu::kernels {
 // output[i] = input[i] * slope where that is greater than input[i], else input[i]; i < n.
 void relu(const float* input, float* output, std::size_t n, float slope);
 
+// output[i] = input[i] * factor + addend, rounded after each of the two; i < n.
+void multiply_and_add(const float* input, float* output, std::size_t n, float factor, float addend);
+
+// output[i] = input[i] to the power of exponent, by the C library; i < n.
+void raise_to_power(const float* input, float* output, std::size_t n, float exponent);
+
+// output[i] = min(input[i], 0) * slopes[i mod period] + max(input[i], 0); i < n. Period is at least
+// 1; of the slopes no more than n are read.
+void prelu(const float* input, float* output, std::size_t n, const float* slopes,
+           std::size_t period);
+
 // row[r][i] += bias[(phase + r * width + i) mod bias_count] for `rows` rows of `width` floats that
 // start `stride` floats apart. bias_count is at least 1.
 void add_bias(float* first_row, std::size_t rows, std::size_t width, std::size_t stride,

@@ -9,7 +9,9 @@
 #include "layers/FullyConnectLayer.h"
 #include "layers/LrnLayer.h"
 #include "layers/NormalizeLayer.h"
+#include "layers/PReluLayer.h"
 #include "layers/PoolingLayer.h"
+#include "layers/PowerLayer.h"
 #include "layers/PriorBoxLayer.h"
 #include "layers/ReluLayer.h"
 #include "layers/SoftmaxLayer.h"
@@ -26,10 +28,12 @@ Fit fits_as(const BaseLayer& layer) {
 constexpr LayerRow kRows[] = {
     {"conv", 2, "Conv", read_conv, fits_as<ConvLayer>},
     {"gconv", 2, "GConv", read_grouped_conv, fits_as<ConvLayer>},
+    {"power", 11, "Power", read_power, fits_as<PowerLayer>},
     {"normalize", 9, "LRN", read_lrn, fits_as<LrnLayer>},
     {"neuron", 8, "FullyConnect", read_fully_connect, fits_as<FullyConnectLayer>},
     {"pool", 10, "Pooling", read_pooling, fits_as<PoolingLayer>},
     {"relu", 13, "ReLU", read_relu, fits_as<ReluLayer>},
+    {"prelu", 12, "PReLU", read_prelu, fits_as<PReluLayer>},
     {"norm", 15, "normalize", read_normalize, fits_as<NormalizeLayer>},
     {"priorbox", 16, "PriorBox", read_prior_box, fits_as<PriorBoxLayer>},
     {"detectionout", 17, "DetectionOutput", read_detection_output, fits_as<DetectionOutputLayer>},

@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "kernels/kernels.h"
-#include "support/ModelBuilder.h"
+#include "support/blobs.h"
 #include "support/reference.h"
 #include "support/targets.h"
 
@@ -27,6 +27,23 @@ TEST(ReluKernel, WorksInPlace) {
     const auto expected = reference::relu(values, 0.0F);
     kernels::relu(values.data(), values.data(), values.size(), 0.0F);
     EXPECT_EQ(values, expected);
+  });
+}
+
+TEST(MultiplyAndAddKernel, RoundsTwiceOnEveryProcessor) {
+  for_each_target([] {
+    for (std::size_t n = 0; n < 70; ++n) {
+      const auto input = values_with_extremes(n, static_cast<unsigned>(n));
+      std::vector<float> output(n), expected(n);
+      for (std::size_t i = 0; i < n; ++i) {
+        const float product = input[i] * 0.3F;
+        expected[i] = product + 0.7F;
+      }
+      kernels::multiply_and_add(input.data(), output.data(), n, 0.3F, 0.7F);
+      EXPECT_EQ(bits_of(output), bits_of(expected)) << n;
+      kernels::multiply_and_add(input.data(), output.data(), n, 1.0F, -0.0F);
+      EXPECT_EQ(bits_of(output), bits_of(input)) << n;
+    }
   });
 }
 

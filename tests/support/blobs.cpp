@@ -2,6 +2,8 @@
 #include "support/blobs.h"
 
 #include <bit>
+#include <limits>
+#include <random>
 #include <utility>
 
 namespace ravu::test {
@@ -24,6 +26,17 @@ std::vector<std::uint32_t> bits_of(const std::vector<float>& values) {
     bits.push_back(x == x ? std::bit_cast<std::uint32_t>(x) : 0x7FC00000U);
   }
   return bits;
+}
+
+std::vector<float> values_with_extremes(std::size_t n, unsigned seed) {
+  using Limits = std::numeric_limits<float>;
+  const float extremes[] = {0.0F, -0.0F, Limits::infinity(), -Limits::infinity(),
+                            Limits::quiet_NaN()};
+  auto values = random_values(n, seed);
+  std::mt19937 random(seed);
+  for (std::size_t i = random() % 7; i < n; i += 1 + random() % 7)
+    values[i] = extremes[random() % 5];
+  return values;
 }
 
 LayerRig::~LayerRig() {

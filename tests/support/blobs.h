@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
 #include <memory>
 #include <vector>
 
@@ -22,6 +23,9 @@ std::vector<float> values_of(const Blob& blob);
 
 // The bits of the values, all NaNs alike: for comparing what may hold NaNs or zeros of both signs.
 std::vector<std::uint32_t> bits_of(const std::vector<float>& values);
+
+// `n` values of which some are 0, -0, infinite or not a number.
+std::vector<float> values_with_extremes(std::size_t n, unsigned seed);
 
 // Wires one layer to Blobs made from these inputs and an output of these dims, sets it up for
 // `mode` and can run it.

@@ -82,6 +82,13 @@ std::vector<float> detection_output(const Detection& d, const std::vector<float>
                                     const std::vector<float>& priors, std::size_t room);
 
 std::vector<float> relu(const std::vector<float>& input, float slope);
+// slopes[i mod channels] for the negative values.
+std::vector<float> prelu(const std::vector<float>& input, const std::vector<float>& slopes,
+                         std::size_t channels);
+// The three steps; each starts from the input and writes the output, which are one when `shared`.
+// `output` holds what was there before.
+std::vector<float> power(std::vector<float> input, std::vector<float> output, bool shared,
+                         float scale, float shift, float exponent);
 std::vector<float> softmax(const std::vector<float>& input, std::size_t length);
 
 }  // namespace ravu::test::reference

@@ -1,4 +1,4 @@
-// Rectifier and softmax, element by element in single precision.
+// Rectifiers, power and softmax, element by element in single precision.
 #include <cmath>
 
 #include "support/reference.h"
@@ -8,6 +8,34 @@ namespace ravu::test::reference {
 std::vector<float> relu(const std::vector<float>& input, float slope) {
   std::vector<float> output;
   for (const float x : input) output.push_back(x * slope > x ? x * slope : x);
+  return output;
+}
+
+std::vector<float> prelu(const std::vector<float>& input, const std::vector<float>& slopes,
+                         std::size_t channels) {
+  std::vector<float> output;
+  std::size_t c = 0;
+  for (const float x : input) {
+    const float low = x > 0 ? 0 : x;
+    const float high = x < 0 ? 0 : x;
+    const float scaled = low * slopes[c];
+    output.push_back(scaled + high);
+    c = c + 1 == channels ? 0 : c + 1;
+  }
+  return output;
+}
+
+std::vector<float> power(std::vector<float> input, std::vector<float> output, bool shared,
+                         float scale, float shift, float exponent) {
+  const auto step = [&](auto function) {
+    for (std::size_t i = 0; i < output.size(); ++i) {
+      output[i] = function(input[i]);
+      if (shared) input[i] = output[i];
+    }
+  };
+  if (scale != 1.0F) step([=](float x) { return x * scale; });
+  if (shift != 0.0F) step([=](float x) { return x + shift; });
+  if (exponent != 1.0F) step([=](float x) { return powf(x, exponent); });
   return output;
 }
 

@@ -1,0 +1,21 @@
+// Rectifier with a learned slope per channel for negative values.
+#pragma once
+
+#include "graph/BaseLayer.h"
+
+namespace ravu {
+
+class PReluLayer : public BaseLayer {
+ public:
+  BlobPtr slopes;
+  // Kept: stored, but no computation looks at it; there is always one slope per channel.
+  bool channel_shared = false;
+
+  bool Forward(std::uint32_t mode) override;
+  void Reshape() override;
+  void ReleaseWeights() override;
+};
+
+Fit fits(const PReluLayer& layer);
+
+}  // namespace ravu

@@ -1,0 +1,17 @@
+// Record "power".
+#include "layers/PowerLayer.h"
+#include "model/records/records.h"
+
+namespace ravu {
+
+LayerPtr read_power(const Record& record, const LayerRow& row) {
+  auto layer = make_layer<PowerLayer>(row);
+  // Kept: an absent key gives 0 even where 1 would change nothing.
+  layer->power = get_float(record, "power", 0.0F);
+  layer->scale = get_float(record, "scale", 0.0F);
+  layer->shift = get_float(record, "shift", 0.0F);
+  layer->power_times_scale = layer->power * layer->scale;
+  return wire(record, row, std::move(layer), shape_of_input);
+}
+
+}  // namespace ravu
