@@ -62,6 +62,39 @@ void prelu(const float* input, float* output, std::size_t n, const float* slopes
   });
 }
 
+void normalise(const float* input, float* output, std::size_t n, const float* means,
+               const float* factors, std::size_t period) {
+  const Pattern mean(means, period, n);
+  const Pattern factor(factors, period, n);
+  const float* m = mean.values();
+  const float* f = factor.values();
+  for_each_run(n, mean.length(), [=](auto d, std::size_t i, std::size_t k) {
+    const auto centred = hn::Sub(hn::LoadU(d, input + i), hn::LoadU(d, m + k));
+    hn::StoreU(hn::Mul(centred, hn::LoadU(d, f + k)), d, output + i);
+  });
+}
+
+void scale(const float* input, float* output, std::size_t n, const float* factors,
+           std::size_t period) {
+  const Pattern factor(factors, period, n);
+  const float* f = factor.values();
+  for_each_run(n, factor.length(), [=](auto d, std::size_t i, std::size_t k) {
+    hn::StoreU(hn::Mul(hn::LoadU(d, input + i), hn::LoadU(d, f + k)), d, output + i);
+  });
+}
+
+void scale_and_shift(const float* input, float* output, std::size_t n, const float* factors,
+                     const float* shifts, std::size_t period) {
+  const Pattern factor(factors, period, n);
+  const Pattern shift(shifts, period, n);
+  const float* f = factor.values();
+  const float* s = shift.values();
+  for_each_run(n, factor.length(), [=](auto d, std::size_t i, std::size_t k) {
+    const auto scaled = hn::Mul(hn::LoadU(d, input + i), hn::LoadU(d, f + k));
+    hn::StoreU(hn::Add(scaled, hn::LoadU(d, s + k)), d, output + i);
+  });
+}
+
 }  // namespace
 }  // namespace ravu::kernels::HWY_NAMESPACE
 HWY_AFTER_NAMESPACE();
@@ -70,10 +103,28 @@ HWY_AFTER_NAMESPACE();
 namespace ravu::kernels {
 
 HWY_EXPORT(prelu);
+HWY_EXPORT(normalise);
+HWY_EXPORT(scale);
+HWY_EXPORT(scale_and_shift);
 
 void prelu(const float* input, float* output, std::size_t n, const float* slopes,
            std::size_t period) {
   HWY_DYNAMIC_DISPATCH(prelu)(input, output, n, slopes, period);
+}
+
+void normalise(const float* input, float* output, std::size_t n, const float* means,
+               const float* factors, std::size_t period) {
+  HWY_DYNAMIC_DISPATCH(normalise)(input, output, n, means, factors, period);
+}
+
+void scale(const float* input, float* output, std::size_t n, const float* factors,
+           std::size_t period) {
+  HWY_DYNAMIC_DISPATCH(scale)(input, output, n, factors, period);
+}
+
+void scale_and_shift(const float* input, float* output, std::size_t n, const float* factors,
+                     const float* shifts, std::size_t period) {
+  HWY_DYNAMIC_DISPATCH(scale_and_shift)(input, output, n, factors, shifts, period);
 }
 
 }  // namespace ravu::kernels

@@ -19,15 +19,29 @@ void multiply_and_add(const float* input, float* output, std::size_t n, float fa
 // output[i] = input[i] to the power of exponent, by the C library; i < n.
 void raise_to_power(const float* input, float* output, std::size_t n, float exponent);
 
-// output[i] = min(input[i], 0) * slopes[i mod period] + max(input[i], 0); i < n. Period is at least
-// 1; of the slopes no more than n are read.
-void prelu(const float* input, float* output, std::size_t n, const float* slopes,
-           std::size_t period);
-
 // row[r][i] += bias[(phase + r * width + i) mod bias_count] for `rows` rows of `width` floats that
 // start `stride` floats apart. bias_count is at least 1.
 void add_bias(float* first_row, std::size_t rows, std::size_t width, std::size_t stride,
               const float* bias, std::size_t bias_count, std::size_t phase);
+
+// Parameters that repeat along the data: element i takes entry i mod period. The period is at least
+// 1; no more than n entries are read.
+
+// output[i] = min(input[i], 0) * slope + max(input[i], 0); i < n.
+void prelu(const float* input, float* output, std::size_t n, const float* slopes,
+           std::size_t period);
+
+// output[i] = (input[i] - mean) * factor; i < n.
+void normalise(const float* input, float* output, std::size_t n, const float* means,
+               const float* factors, std::size_t period);
+
+// output[i] = input[i] * factor; i < n.
+void scale(const float* input, float* output, std::size_t n, const float* factors,
+           std::size_t period);
+
+// output[i] = input[i] * factor + shift, rounded after each of the two; i < n.
+void scale_and_shift(const float* input, float* output, std::size_t n, const float* factors,
+                     const float* shifts, std::size_t period);
 
 // For each run of `length` values (the last one may be shorter): exp(x - greatest) times the
 // reciprocal of their sum.

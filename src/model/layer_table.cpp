@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "layers/BatchNormLayer.h"
 #include "layers/ConvLayer.h"
 #include "layers/DetectionOutputLayer.h"
 #include "layers/FullyConnectLayer.h"
@@ -14,6 +15,7 @@
 #include "layers/PowerLayer.h"
 #include "layers/PriorBoxLayer.h"
 #include "layers/ReluLayer.h"
+#include "layers/ScaleLayer.h"
 #include "layers/SoftmaxLayer.h"
 #include "model/records/records.h"
 
@@ -34,6 +36,8 @@ constexpr LayerRow kRows[] = {
     {"pool", 10, "Pooling", read_pooling, fits_as<PoolingLayer>},
     {"relu", 13, "ReLU", read_relu, fits_as<ReluLayer>},
     {"prelu", 12, "PReLU", read_prelu, fits_as<PReluLayer>},
+    {"bn", 3, "BatchNorm", read_batch_norm, fits_as<BatchNormLayer>},
+    {"scale", 4, "Scale", read_scale, fits_as<ScaleLayer>},
     {"norm", 15, "normalize", read_normalize, fits_as<NormalizeLayer>},
     {"priorbox", 16, "PriorBox", read_prior_box, fits_as<PriorBoxLayer>},
     {"detectionout", 17, "DetectionOutput", read_detection_output, fits_as<DetectionOutputLayer>},

@@ -28,5 +28,42 @@ TEST(PReluKernel, GivesTheSameBitsOnEveryProcessor) {
   });
 }
 
+TEST(NormaliseKernel, GivesTheSameBitsOnEveryProcessor) {
+  for_each_target([] {
+    for (const std::size_t period : kPeriods) {
+      for (const std::size_t n : kLengths) {
+        const auto input = values_with_extremes(n, static_cast<unsigned>(n));
+        const auto mean = random_values(period, 2);
+        const auto divisor = random_values(period, 3);
+        std::vector<float> factors, output(n);
+        for (const float d : divisor) factors.push_back(1.0F / d);
+        kernels::normalise(input.data(), output.data(), n, mean.data(), factors.data(), period);
+        EXPECT_EQ(bits_of(output), bits_of(reference::batch_norm(input, mean, divisor)))
+            << period << " " << n;
+      }
+    }
+  });
+}
+
+TEST(ScaleKernels, GiveTheSameBitsOnEveryProcessor) {
+  for_each_target([] {
+    for (const std::size_t period : kPeriods) {
+      for (const std::size_t n : kLengths) {
+        const auto input = values_with_extremes(n, static_cast<unsigned>(n));
+        const auto scales = random_values(period, 2);
+        const auto shifts = random_values(period, 3);
+        std::vector<float> output(n);
+        kernels::scale(input.data(), output.data(), n, scales.data(), period);
+        EXPECT_EQ(bits_of(output), bits_of(reference::scale(input, scales, {})))
+            << period << " " << n;
+        kernels::scale_and_shift(input.data(), output.data(), n, scales.data(), shifts.data(),
+                                 period);
+        EXPECT_EQ(bits_of(output), bits_of(reference::scale(input, scales, shifts)))
+            << period << " " << n;
+      }
+    }
+  });
+}
+
 }  // namespace
 }  // namespace ravu::test

@@ -91,4 +91,10 @@ std::vector<float> power(std::vector<float> input, std::vector<float> output, bo
                          float scale, float shift, float exponent);
 std::vector<float> softmax(const std::vector<float>& input, std::size_t length);
 
+// Each step over runs of the parameters' length, the last one cut at the end.
+std::vector<float> batch_norm(const std::vector<float>& input, const std::vector<float>& mean,
+                              const std::vector<float>& divisor);
+std::vector<float> scale(const std::vector<float>& input, const std::vector<float>& scales,
+                         const std::vector<float>& bias);  // an empty bias adds nothing
+
 }  // namespace ravu::test::reference
