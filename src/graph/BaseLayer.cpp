@@ -88,6 +88,11 @@ bool has_data(const Blob* input, const Blob* output) {
   return input != nullptr && output != nullptr && input->data != nullptr && output->data != nullptr;
 }
 
+bool all_have_data(const std::vector<Blob*>& blobs) {
+  return std::all_of(blobs.begin(), blobs.end(),
+                     [](const Blob* b) { return b->data != nullptr || b->count == 0; });
+}
+
 Blob& shared_scratch(std::vector<BlobPtr>& params, const Shape& shape) {
   for (const BlobPtr& blob : params) {
     if (same_dims_and_layout(*blob, shape)) return *blob;

@@ -82,6 +82,9 @@ Blob* last_output(const BaseLayer& layer);
 // Whether both Blobs are there and hold data.
 bool has_data(const Blob* input, const Blob* output);
 
+// Whether each of the Blobs holds data or has no element to hold.
+bool all_have_data(const std::vector<Blob*>& blobs);
+
 // A Blob of `params` with these dims and layout, added zeroed when there is none: layers with equal
 // shapes share one scratch Blob.
 Blob& shared_scratch(std::vector<BlobPtr>& params, const Shape& shape);

@@ -33,6 +33,17 @@ void multiply_and_add(const float* input, float* output, std::size_t n, float fa
   });
 }
 
+void weighted_sum(const float* const* inputs, const float* coefficients, std::size_t terms,
+                  float* output, std::size_t n) {
+  for_each_vector(n, [=](auto d, std::size_t i) {
+    auto sum = hn::Zero(d);
+    for (std::size_t j = 0; j < terms; ++j) {
+      sum = hn::Add(sum, hn::Mul(hn::Set(d, coefficients[j]), hn::LoadU(d, inputs[j] + i)));
+    }
+    hn::StoreU(sum, d, output + i);
+  });
+}
+
 void add_vector(float* row, std::size_t n, const float* bias) {
   for_each_vector(n, [=](auto d, std::size_t i) {
     hn::StoreU(hn::Add(hn::LoadU(d, row + i), hn::LoadU(d, bias + i)), d, row + i);
@@ -61,6 +72,7 @@ namespace ravu::kernels {
 
 HWY_EXPORT(relu);
 HWY_EXPORT(multiply_and_add);
+HWY_EXPORT(weighted_sum);
 HWY_EXPORT(add_bias);
 
 void relu(const float* input, float* output, std::size_t n, float slope) {
@@ -74,6 +86,11 @@ void multiply_and_add(const float* input, float* output, std::size_t n, float fa
 
 void raise_to_power(const float* input, float* output, std::size_t n, float exponent) {
   for (std::size_t i = 0; i < n; ++i) output[i] = std::pow(input[i], exponent);
+}
+
+void weighted_sum(const float* const* inputs, const float* coefficients, std::size_t terms,
+                  float* output, std::size_t n) {
+  HWY_DYNAMIC_DISPATCH(weighted_sum)(inputs, coefficients, terms, output, n);
 }
 
 void add_bias(float* first_row, std::size_t rows, std::size_t width, std::size_t stride,

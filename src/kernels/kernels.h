@@ -19,6 +19,11 @@ void multiply_and_add(const float* input, float* output, std::size_t n, float fa
 // output[i] = input[i] to the power of exponent, by the C library; i < n.
 void raise_to_power(const float* input, float* output, std::size_t n, float exponent);
 
+// output[i] = sum of coefficients[j] * inputs[j][i] over the terms j in order, from 0; i < n. The
+// output may be any of the inputs.
+void weighted_sum(const float* const* inputs, const float* coefficients, std::size_t terms,
+                  float* output, std::size_t n);
+
 // row[r][i] += bias[(phase + r * width + i) mod bias_count] for `rows` rows of `width` floats that
 // start `stride` floats apart. bias_count is at least 1.
 void add_bias(float* first_row, std::size_t rows, std::size_t width, std::size_t stride,

@@ -7,6 +7,7 @@
 #include "layers/BatchNormLayer.h"
 #include "layers/ConvLayer.h"
 #include "layers/DetectionOutputLayer.h"
+#include "layers/EltWiseLayer.h"
 #include "layers/FullyConnectLayer.h"
 #include "layers/LrnLayer.h"
 #include "layers/NormalizeLayer.h"
@@ -36,6 +37,7 @@ constexpr LayerRow kRows[] = {
     {"pool", 10, "Pooling", read_pooling, fits_as<PoolingLayer>},
     {"relu", 13, "ReLU", read_relu, fits_as<ReluLayer>},
     {"prelu", 12, "PReLU", read_prelu, fits_as<PReluLayer>},
+    {"eltwise", 7, "Eltwise", read_eltwise, fits_as<EltWiseLayer>},
     {"bn", 3, "BatchNorm", read_batch_norm, fits_as<BatchNormLayer>},
     {"scale", 4, "Scale", read_scale, fits_as<ScaleLayer>},
     {"norm", 15, "normalize", read_normalize, fits_as<NormalizeLayer>},

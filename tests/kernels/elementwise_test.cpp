@@ -47,6 +47,24 @@ TEST(MultiplyAndAddKernel, RoundsTwiceOnEveryProcessor) {
   });
 }
 
+TEST(WeightedSumKernel, KeepsTheOrderOfTheTermsOnEveryProcessor) {
+  for_each_target([] {
+    for (std::size_t n = 0; n < 70; ++n) {
+      const std::size_t terms = n % 5;
+      std::vector<std::vector<float>> inputs;
+      std::vector<const float*> pointers;
+      for (std::size_t j = 0; j < terms; ++j) {
+        inputs.push_back(values_with_extremes(n, static_cast<unsigned>(n * 5 + j)));
+      }
+      for (const auto& input : inputs) pointers.push_back(input.data());
+      const auto coefficients = random_values(terms, 4);
+      std::vector<float> output(n, 7);
+      kernels::weighted_sum(pointers.data(), coefficients.data(), terms, output.data(), n);
+      EXPECT_EQ(bits_of(output), bits_of(reference::weighted_sum(inputs, coefficients, n))) << n;
+    }
+  });
+}
+
 TEST(AddBiasKernel, RepeatsTheBiasOverRowsThatStandApart) {
   for_each_target([] {
     for (const std::size_t width : {1U, 3U, 16U, 37U}) {

@@ -91,6 +91,10 @@ std::vector<float> power(std::vector<float> input, std::vector<float> output, bo
                          float scale, float shift, float exponent);
 std::vector<float> softmax(const std::vector<float>& input, std::size_t length);
 
+// The first n sums of coefficients[j] * inputs[j][i].
+std::vector<float> weighted_sum(const std::vector<std::vector<float>>& inputs,
+                                const std::vector<float>& coefficients, std::size_t n);
+
 // Each step over runs of the parameters' length, the last one cut at the end.
 std::vector<float> batch_norm(const std::vector<float>& input, const std::vector<float>& mean,
                               const std::vector<float>& divisor);

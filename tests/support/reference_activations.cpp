@@ -1,4 +1,4 @@
-// Rectifiers, power and softmax, element by element in single precision.
+// Rectifiers, power, weighted sums and softmax, element by element in single precision.
 #include <cmath>
 
 #include "support/reference.h"
@@ -36,6 +36,18 @@ std::vector<float> power(std::vector<float> input, std::vector<float> output, bo
   if (scale != 1.0F) step([=](float x) { return x * scale; });
   if (shift != 0.0F) step([=](float x) { return x + shift; });
   if (exponent != 1.0F) step([=](float x) { return powf(x, exponent); });
+  return output;
+}
+
+std::vector<float> weighted_sum(const std::vector<std::vector<float>>& inputs,
+                                const std::vector<float>& coefficients, std::size_t n) {
+  std::vector<float> output(n, 0.0F);
+  for (std::size_t j = 0; j < inputs.size(); ++j) {
+    for (std::size_t i = 0; i < n; ++i) {
+      const float term = coefficients[j] * inputs[j][i];
+      output[i] = output[i] + term;
+    }
+  }
   return output;
 }
 
