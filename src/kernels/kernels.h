@@ -5,6 +5,7 @@
 // be the same array where sizes agree, and every processor gives the same bits.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 
@@ -51,6 +52,16 @@ void scale_and_shift(const float* input, float* output, std::size_t n, const flo
 // For each run of `length` values (the last one may be shorter): exp(x - greatest) times the
 // reciprocal of their sum.
 void softmax(const float* input, float* output, std::size_t n, std::size_t length);
+
+// How one image's axes are exchanged: axis i of the output is axis order[i] of the input, whose
+// axes have these sizes. The order holds 0, 1 and 2 once each.
+struct AxisOrder {
+  std::array<std::size_t, 3> sizes;
+  std::array<std::size_t, 3> order;
+};
+
+// Moves one image. Input and output are different arrays.
+void permute(const AxisOrder& axes, const float* input, float* output);
 
 struct PoolingSizes {
   std::size_t batch, height, width, channels;

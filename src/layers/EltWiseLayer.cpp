@@ -4,6 +4,7 @@
 #include "kernels/kernels.h"
 
 namespace ravu {
+
 Fit fits(const EltWiseLayer& layer) {
   if (layer.inputs.empty()) return {"eltwise needs an input"};
   if (layer.operation != EltWiseLayer::kSum) return {};

@@ -5,17 +5,21 @@
 #include <iterator>
 
 #include "layers/BatchNormLayer.h"
+#include "layers/ConcatLayer.h"
 #include "layers/ConvLayer.h"
 #include "layers/DetectionOutputLayer.h"
 #include "layers/EltWiseLayer.h"
+#include "layers/FlattenLayer.h"
 #include "layers/FullyConnectLayer.h"
 #include "layers/LrnLayer.h"
 #include "layers/NormalizeLayer.h"
 #include "layers/PReluLayer.h"
+#include "layers/PermuteLayer.h"
 #include "layers/PoolingLayer.h"
 #include "layers/PowerLayer.h"
 #include "layers/PriorBoxLayer.h"
 #include "layers/ReluLayer.h"
+#include "layers/ReshapeLayer.h"
 #include "layers/ScaleLayer.h"
 #include "layers/SoftmaxLayer.h"
 #include "model/records/records.h"
@@ -31,6 +35,7 @@ Fit fits_as(const BaseLayer& layer) {
 constexpr LayerRow kRows[] = {
     {"conv", 2, "Conv", read_conv, fits_as<ConvLayer>},
     {"gconv", 2, "GConv", read_grouped_conv, fits_as<ConvLayer>},
+    {"concat", 1, "concat", read_concat, fits_as<ConcatLayer>},
     {"power", 11, "Power", read_power, fits_as<PowerLayer>},
     {"normalize", 9, "LRN", read_lrn, fits_as<LrnLayer>},
     {"neuron", 8, "FullyConnect", read_fully_connect, fits_as<FullyConnectLayer>},
@@ -40,8 +45,11 @@ constexpr LayerRow kRows[] = {
     {"eltwise", 7, "Eltwise", read_eltwise, fits_as<EltWiseLayer>},
     {"bn", 3, "BatchNorm", read_batch_norm, fits_as<BatchNormLayer>},
     {"scale", 4, "Scale", read_scale, fits_as<ScaleLayer>},
+    {"flatten", 20, "Flatten", read_flatten, fits_as<FlattenLayer>},
+    {"reshape", 19, "Reshape", read_reshape, fits_as<ReshapeLayer>},
     {"norm", 15, "normalize", read_normalize, fits_as<NormalizeLayer>},
     {"priorbox", 16, "PriorBox", read_prior_box, fits_as<PriorBoxLayer>},
+    {"permute", 18, "Permute", read_permute, fits_as<PermuteLayer>},
     {"detectionout", 17, "DetectionOutput", read_detection_output, fits_as<DetectionOutputLayer>},
     {"max", 14, "Softmax", read_softmax, fits_as<SoftmaxLayer>},
 };

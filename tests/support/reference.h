@@ -95,6 +95,21 @@ std::vector<float> softmax(const std::vector<float>& input, std::size_t length);
 std::vector<float> weighted_sum(const std::vector<std::vector<float>>& inputs,
                                 const std::vector<float>& coefficients, std::size_t n);
 
+// One pixel after the other, the channels of each input in turn.
+std::vector<float> concat(const std::vector<std::vector<float>>& inputs,
+                          const std::vector<std::size_t>& channels, std::size_t pixels);
+
+// order[i] is the axis (0 row, 1 column, 2 channel) of the input that becomes axis i of the output.
+struct Image {
+  std::size_t batch, height, width, channels;
+};
+std::vector<float> permute(const Image& image, const std::vector<std::size_t>& order,
+                           const std::vector<float>& input);
+
+// `size` x `size` pixels of each image, from row and column `offset` on.
+std::vector<float> crop(const Image& image, std::size_t offset, std::size_t size,
+                        const std::vector<float>& input);
+
 // Each step over runs of the parameters' length, the last one cut at the end.
 std::vector<float> batch_norm(const std::vector<float>& input, const std::vector<float>& mean,
                               const std::vector<float>& divisor);
