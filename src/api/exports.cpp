@@ -5,6 +5,7 @@
 #include "graph/cpu_backend.h"
 #include "graph/gpu_backend.h"
 #include "model/network_reader.h"
+#include "model/network_writer.h"
 
 using namespace ravu;
 
@@ -37,9 +38,8 @@ ravu_network* ravu_create_network_caffe(void) {
   return nullptr;
 }
 
-void ravu_save_network_to_private(ravu_network* network, const char* path, bool) {
-  if (network == nullptr) return;
-  std::fprintf(stderr, "Fail to save graph to %s\n", path == nullptr ? "" : path);
+void ravu_save_network_to_private(ravu_network* network, const char* path, bool quantise) {
+  if (network != nullptr) save_network(*to_network(network), path, quantise);
 }
 
 void ravu_destroy_network(ravu_network* network) {

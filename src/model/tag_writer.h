@@ -1,6 +1,7 @@
 // Builds the tagged container in memory. Every operation takes a buffer from malloc and returns it,
 // moved if need be: the caller goes on with what is returned and frees it in the end. Null, the
-// buffer freed, when memory does not suffice; null goes in as null comes out, so callers check once.
+// buffer freed, when memory does not suffice; null goes in as null comes out, so callers check
+// once.
 #pragma once
 
 #include <cstddef>

@@ -11,4 +11,8 @@ LayerPtr read_concat(const Record& record, const LayerRow& row) {
               [&concat](const Blob&) { return concat_shape(concat, *concat.inputs.front()); });
 }
 
+std::uint8_t* write_concat(const BaseLayer&, bool) {
+  return make_record("concat");
+}
+
 }  // namespace ravu

@@ -22,6 +22,24 @@ void read_kernel_set(const Record& record, ConvLayer& layer) {
   layer.biases.push_back(layer.has_bias ? need_quantised_tensor(record, "bias") : nullptr);
 }
 
+// Adds the keys of kernel set `i`.
+std::uint8_t* write_kernel_set(const ConvLayer& conv, std::uint8_t* record, std::size_t i,
+                               bool quantise) {
+  std::uint8_t* spec = add(make_dictionary(), "num_kernels", make_int(conv.output_channels));
+  spec = add(spec, "ksize", make_int(conv.kernel_h));
+  spec = add(spec, "stride", make_int(conv.stride_h));
+  record = add(record, "spec", spec);
+  record = add(record, "kernels", write_tensor(conv.weights[i].get(), quantise));
+  record = add(record, "are_kernels_transposed", make_int(conv.kernels_transposed ? 1 : 0));
+  const Blob* bias = conv.has_bias ? conv.biases[i].get() : nullptr;
+  record = add(record, "has_bias", make_int(bias != nullptr ? 1 : 0));
+  record = add(record, "dilation_h", make_int(conv.dilation_h));
+  record = add(record, "dilation_w", make_int(conv.dilation_w));
+  if (bias != nullptr) record = add(record, "bias", write_tensor(bias, quantise));
+  record = add(record, "layers_count", make_int(conv.groups));
+  return add(record, "padding", make_int(conv.pad_h));
+}
+
 LayerPtr wire_conv(const Record& record, const LayerRow& row, std::unique_ptr<ConvLayer> layer,
                    bool grouped) {
   const ConvLayer& conv = *layer;
@@ -53,6 +71,22 @@ LayerPtr read_grouped_conv(const Record& record, const LayerRow& row) {
     record.state->fail("layers", "needs as many kernel sets as layers_count says, at least one");
   }
   return wire_conv(record, row, std::move(layer), /*grouped=*/true);
+}
+
+std::uint8_t* write_conv(const BaseLayer& layer, bool quantise) {
+  const auto& conv = static_cast<const ConvLayer&>(layer);
+  if (conv.weights.size() == 1) {
+    return write_kernel_set(conv, make_record("conv"), 0, quantise);
+  }
+  // A layer whose weights were released has no kernel sets, and so no record.
+  if (conv.weights.empty()) return nullptr;
+  std::uint8_t* sets = make_list();
+  for (std::size_t i = 0; i < conv.weights.size(); ++i) {
+    sets = append(sets, write_kernel_set(conv, make_record("conv"), i, quantise));
+  }
+  std::uint8_t* record = add(make_dictionary(), "layers_count", make_int(conv.groups));
+  record = add(record, "class", make_text("gconv"));
+  return add(record, "layers", sets);
 }
 
 }  // namespace ravu

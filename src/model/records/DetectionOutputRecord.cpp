@@ -31,4 +31,22 @@ LayerPtr read_detection_output(const Record& record, const LayerRow& row) {
   return wired;
 }
 
+std::uint8_t* write_detection_output(const BaseLayer& layer, bool) {
+  const auto& detection = static_cast<const DetectionOutputLayer&>(layer);
+  const auto size = [](std::uint32_t n) { return make_int(static_cast<std::int32_t>(n)); };
+  std::uint8_t* record = make_record("detectionout");
+  record = add(record, "num_classes", size(detection.num_classes));
+  record = add(record, "share_location", make_int(detection.share_location ? 1 : 0));
+  record = add(record, "num_loc_classes", size(detection.num_loc_classes));
+  record = add(record, "background_label_id", make_int(detection.background_label_id));
+  record = add(record, "code_type", size(detection.code_type));
+  record = add(record, "variance_encoded_in_target",
+               make_int(detection.variance_encoded_in_target ? 1 : 0));
+  record = add(record, "keep_top_k", make_int(detection.keep_top_k));
+  record = add(record, "confidence_threshold", make_float(detection.confidence_threshold));
+  record = add(record, "nms_threshold", make_float(detection.nms_threshold));
+  record = add(record, "eta", make_float(detection.eta));
+  return add(record, "top_k", make_int(detection.top_k));
+}
+
 }  // namespace ravu

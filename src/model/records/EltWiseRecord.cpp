@@ -26,4 +26,14 @@ LayerPtr read_eltwise(const Record& record, const LayerRow& row) {
   return wire(record, row, std::move(layer), shape_of_input);
 }
 
+// Kept: an operation without a name is left out, though the reader insists on one.
+std::uint8_t* write_eltwise(const BaseLayer& layer, bool) {
+  const std::int32_t operation = static_cast<const EltWiseLayer&>(layer).operation;
+  std::uint8_t* record = make_record("eltwise");
+  if (operation == EltWiseLayer::kSum) record = add(record, "operation", make_text("sum"));
+  if (operation == EltWiseLayer::kMax) record = add(record, "operation", make_text("max"));
+  if (operation == EltWiseLayer::kProduct) record = add(record, "operation", make_text("prod"));
+  return record;
+}
+
 }  // namespace ravu

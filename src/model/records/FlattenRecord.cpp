@@ -11,4 +11,8 @@ LayerPtr read_flatten(const Record& record, const LayerRow& row) {
   });
 }
 
+std::uint8_t* write_flatten(const BaseLayer&, bool) {
+  return make_record("flatten");
+}
+
 }  // namespace ravu

@@ -14,4 +14,13 @@ LayerPtr read_lrn(const Record& record, const LayerRow& row) {
   return wire(record, row, std::move(layer), shape_of_input);
 }
 
+std::uint8_t* write_lrn(const BaseLayer& layer, bool) {
+  const auto& lrn = static_cast<const LrnLayer&>(layer);
+  std::uint8_t* record = make_record("normalize");
+  record = add(record, "size", make_int(static_cast<std::int32_t>(lrn.size)));
+  record = add(record, "k", make_float(lrn.k));
+  record = add(record, "alpha", make_float(lrn.alpha));
+  return add(record, "beta", make_float(lrn.beta));
+}
+
 }  // namespace ravu

@@ -12,4 +12,12 @@ LayerPtr read_normalize(const Record& record, const LayerRow& row) {
   return wire(record, row, std::move(layer), shape_of_input);
 }
 
+std::uint8_t* write_normalize(const BaseLayer& layer, bool) {
+  const auto& norm = static_cast<const NormalizeLayer&>(layer);
+  std::uint8_t* record = make_record("norm");
+  record = add(record, "across_spatial", make_int(norm.across_spatial ? 1 : 0));
+  record = add(record, "channel_shared", make_int(norm.channel_shared ? 1 : 0));
+  return add(record, "scale", write_tensor(norm.scale.get(), /*quantise=*/false));
+}
+
 }  // namespace ravu

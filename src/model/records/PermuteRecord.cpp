@@ -14,4 +14,15 @@ LayerPtr read_permute(const Record& record, const LayerRow& row) {
   return wire(record, row, std::move(layer), shape_of_input);
 }
 
+std::uint8_t* write_permute(const BaseLayer& layer, bool) {
+  const auto& permute = static_cast<const PermuteLayer&>(layer);
+  std::array<std::int32_t, 4> order;
+  for (std::size_t i = 0; i < order.size(); ++i) {
+    order[i] = static_cast<std::int32_t>(permute.order[i]);
+  }
+  std::uint8_t* record = make_record("permute");
+  record = add(record, "need_permute", make_int(permute.need_permute ? 1 : 0));
+  return add(record, "permute_order", make_small_ints(order));
+}
+
 }  // namespace ravu

@@ -18,4 +18,15 @@ LayerPtr read_pooling(const Record& record, const LayerRow& row) {
               [&pool](const Blob& input) { return pooling_shape(pool, input); });
 }
 
+std::uint8_t* write_pooling(const BaseLayer& layer, bool) {
+  const auto& pool = static_cast<const PoolingLayer&>(layer);
+  const auto size = [](std::uint32_t n) { return make_int(static_cast<std::int32_t>(n)); };
+  std::uint8_t* record = make_record("pool");
+  record = add(record, "psize", size(pool.kernel_h));
+  record = add(record, "stride", size(pool.stride_h));
+  record = add(record, "paddingW", size(pool.pad_w));
+  record = add(record, "paddingH", size(pool.pad_h));
+  return add(record, "mode", make_text(pool.mode == PoolingLayer::kMax ? "max" : "avg"));
+}
+
 }  // namespace ravu

@@ -14,4 +14,12 @@ LayerPtr read_power(const Record& record, const LayerRow& row) {
   return wire(record, row, std::move(layer), shape_of_input);
 }
 
+std::uint8_t* write_power(const BaseLayer& layer, bool) {
+  const auto& power = static_cast<const PowerLayer&>(layer);
+  std::uint8_t* record = make_record("power");
+  record = add(record, "power", make_float(power.power));
+  record = add(record, "scale", make_float(power.scale));
+  return add(record, "shift", make_float(power.shift));
+}
+
 }  // namespace ravu

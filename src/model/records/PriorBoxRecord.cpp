@@ -28,4 +28,22 @@ LayerPtr read_prior_box(const Record& record, const LayerRow& row) {
   });
 }
 
+std::uint8_t* write_prior_box(const BaseLayer& layer, bool) {
+  const auto& prior = static_cast<const PriorBoxLayer&>(layer);
+  const auto size = [](std::uint32_t n) { return make_int(static_cast<std::int32_t>(n)); };
+  std::uint8_t* record = make_record("priorbox");
+  record = add(record, "offset", make_float(prior.offset));
+  record = add(record, "flip", make_int(prior.flip ? 1 : 0));
+  record = add(record, "num_priors", size(prior.num_priors));
+  record = add(record, "clip", make_int(prior.clip ? 1 : 0));
+  record = add(record, "img_h", size(prior.img_h));
+  record = add(record, "img_w", size(prior.img_w));
+  record = add(record, "step_h", size(prior.step_h));
+  record = add(record, "step_w", size(prior.step_w));
+  record = add(record, "aspect_ratios", make_small_floats(prior.aspect_ratios));
+  record = add(record, "variance", make_small_floats(prior.variances));
+  record = add(record, "min_size", make_small_floats(prior.min_sizes));
+  return add(record, "max_size", make_small_floats(prior.max_sizes));
+}
+
 }  // namespace ravu

@@ -10,4 +10,9 @@ LayerPtr read_relu(const Record& record, const LayerRow& row) {
   return wire(record, row, std::move(layer), shape_of_input);
 }
 
+std::uint8_t* write_relu(const BaseLayer& layer, bool) {
+  const auto& relu = static_cast<const ReluLayer&>(layer);
+  return add(make_record("relu"), "negative_slope", make_float(relu.negative_slope));
+}
+
 }  // namespace ravu

@@ -15,4 +15,12 @@ LayerPtr read_reshape(const Record& record, const LayerRow& row) {
   });
 }
 
+std::uint8_t* write_reshape(const BaseLayer& layer, bool) {
+  const auto& reshape = static_cast<const ReshapeLayer&>(layer);
+  std::uint8_t* record = make_record("reshape");
+  record = add(record, "constant_count", make_int(reshape.constant_count));
+  record = add(record, "inferred_axis", make_int(reshape.inferred_axis));
+  return add(record, "dims", make_small_ints(reshape.dims));
+}
+
 }  // namespace ravu

@@ -1,5 +1,6 @@
-// The readers of all layer classes; each stands in its own file beside this one. A reader makes the
-// layer, reads its keys, wires its inputs, computes the output shape and wires its outputs.
+// The readers and writers of all layer classes; each pair stands in its own file beside this one. A
+// reader makes the layer, reads its keys, wires its inputs, computes the output shape and wires its
+// outputs.
 #pragma once
 
 #include <memory>
@@ -8,6 +9,8 @@
 #include "graph/BaseLayer.h"
 #include "model/layer_table.h"
 #include "model/record.h"
+#include "model/tag_writer.h"
+#include "model/tensor_record.h"
 #include "model/wiring.h"
 
 namespace ravu {
@@ -33,6 +36,31 @@ LayerPtr read_relu(const Record& record, const LayerRow& row);
 LayerPtr read_reshape(const Record& record, const LayerRow& row);
 LayerPtr read_scale(const Record& record, const LayerRow& row);
 LayerPtr read_softmax(const Record& record, const LayerRow& row);
+
+// The writers, keys in the order in which they are written.
+std::uint8_t* write_batch_norm(const BaseLayer& layer, bool quantise);
+std::uint8_t* write_concat(const BaseLayer& layer, bool quantise);
+std::uint8_t* write_conv(const BaseLayer& layer, bool quantise);
+std::uint8_t* write_detection_output(const BaseLayer& layer, bool quantise);
+std::uint8_t* write_eltwise(const BaseLayer& layer, bool quantise);
+std::uint8_t* write_flatten(const BaseLayer& layer, bool quantise);
+std::uint8_t* write_fully_connect(const BaseLayer& layer, bool quantise);
+std::uint8_t* write_lrn(const BaseLayer& layer, bool quantise);
+std::uint8_t* write_normalize(const BaseLayer& layer, bool quantise);
+std::uint8_t* write_permute(const BaseLayer& layer, bool quantise);
+std::uint8_t* write_pooling(const BaseLayer& layer, bool quantise);
+std::uint8_t* write_power(const BaseLayer& layer, bool quantise);
+std::uint8_t* write_prelu(const BaseLayer& layer, bool quantise);
+std::uint8_t* write_prior_box(const BaseLayer& layer, bool quantise);
+std::uint8_t* write_relu(const BaseLayer& layer, bool quantise);
+std::uint8_t* write_reshape(const BaseLayer& layer, bool quantise);
+std::uint8_t* write_scale(const BaseLayer& layer, bool quantise);
+std::uint8_t* write_softmax(const BaseLayer& layer, bool quantise);
+
+// A new record with its "class".
+inline std::uint8_t* make_record(std::string_view keyword) {
+  return add(make_dictionary(), "class", make_text(keyword));
+}
 
 // A layer of the class with the row's type code.
 template <class Layer>
