@@ -39,6 +39,7 @@ void BaseLayer::Reshape() {
 void BaseLayer::ReleaseWeights() {}
 
 void BaseLayer::AllocateBlobs(bool in_place) {
+  prepared = true;
   std::vector<Blob*> empty;
   std::copy_if(inputs.begin(), inputs.end(), std::back_inserter(empty), lacks_storage);
   if (!in_place) {
@@ -84,8 +85,11 @@ Blob* last_output(const BaseLayer& layer) {
   return layer.outputs.empty() ? nullptr : layer.outputs.back();
 }
 
-bool has_data(const Blob* input, const Blob* output) {
-  return input != nullptr && output != nullptr && input->data != nullptr && output->data != nullptr;
+bool has_data(const BaseLayer& layer) {
+  const Blob* input = last_input(layer);
+  const Blob* output = last_output(layer);
+  return layer.prepared && input != nullptr && output != nullptr && input->data != nullptr &&
+         output->data != nullptr;
 }
 
 bool all_have_data(const std::vector<Blob*>& blobs) {

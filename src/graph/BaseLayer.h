@@ -39,6 +39,7 @@ class BaseLayer {
   std::uint32_t type = 0;
   std::unique_ptr<Blob*[]> owned;  // Blobs that got their storage from this layer
   std::uint32_t owned_count = 0;
+  bool prepared = false;           // whether a Setup has run
   Workspace* workspace = nullptr;  // the network's scratch memory; set by Network::add_layer
 
   // Gives back the storage of every owned Blob; the records are the network's.
@@ -79,8 +80,8 @@ class BaseLayer {
 Blob* last_input(const BaseLayer& layer);
 Blob* last_output(const BaseLayer& layer);
 
-// Whether both Blobs are there and hold data.
-bool has_data(const Blob* input, const Blob* output);
+// Whether the layer has been set up and its last input and last output hold data.
+bool has_data(const BaseLayer& layer);
 
 // Whether each of the Blobs holds data or has no element to hold.
 bool all_have_data(const std::vector<Blob*>& blobs);

@@ -24,7 +24,7 @@ Fit fits(const BatchNormLayer& layer) {
 bool BatchNormLayer::Forward(std::uint32_t) {
   const Blob* input = last_input(*this);
   Blob* output = last_output(*this);
-  if (!has_data(input, output) || !fits(*this)) return true;
+  if (!has_data(*this) || !fits(*this)) return true;
   const std::size_t channels = divisor->dims[3];
   if (reciprocals.size() < std::min<std::size_t>(channels, output->count)) return true;
   kernels::normalise(input->data, output->data, output->count, mean->data, reciprocals.data(),

@@ -48,7 +48,8 @@ Fit fits(const ConcatLayer& layer) {
 
 bool ConcatLayer::Forward(std::uint32_t) {
   Blob* output = last_output(*this);
-  if (output == nullptr || output->data == nullptr || !all_have_data(inputs) || !fits(*this)) {
+  if (!prepared || output == nullptr || output->data == nullptr || !all_have_data(inputs) ||
+      !fits(*this)) {
     return true;
   }
   float* to = output->data;

@@ -63,7 +63,7 @@ std::uint64_t weights_per_group(const ConvLayer& layer, const kernels::ConvSizes
 }
 
 bool ready(const ConvLayer& layer) {
-  if (!has_weights(layer) || !has_data(last_input(layer), last_output(layer)) || !fits(layer)) {
+  if (!has_weights(layer) || !has_data(layer) || !fits(layer)) {
     return false;
   }
   const auto sizes = conv_sizes(layer, *last_input(layer), *last_output(layer));

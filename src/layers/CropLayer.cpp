@@ -48,7 +48,7 @@ bool CropLayer::Forward(std::uint32_t) {
   Blob* output = last_output(*this);
   // Kept: with both offsets 0 nothing is copied, though the sizes differ by one.
   if (column_offset == 0 && row_offset == 0) return true;
-  if (!has_data(input, output) || !fits(*this)) return true;
+  if (!has_data(*this) || !fits(*this)) return true;
   const std::size_t run = std::size_t{output->dims[2]} * output->dims[3];
   for (std::size_t b = 0; b < input->dims[0]; ++b) {
     const float* image = input->data + b * input_record.count;

@@ -25,10 +25,7 @@ std::uint64_t classes_with_boxes(const DetectionOutputLayer& layer) {
 }
 
 bool ready(const DetectionOutputLayer& layer) {
-  if (!fits(layer)) return false;
-  const Blob* output = last_output(layer);
-  return has_data(layer.inputs[0], output) && has_data(layer.inputs[1], output) &&
-         has_data(layer.inputs[2], output);
+  return has_data(layer) && all_have_data(layer.inputs) && fits(layer);
 }
 
 bool better(const Candidate& a, const Candidate& b) {

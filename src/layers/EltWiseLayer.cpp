@@ -18,7 +18,7 @@ Fit fits(const EltWiseLayer& layer) {
 
 bool EltWiseLayer::Forward(std::uint32_t) {
   // Kept: products and maxima are computed on the GPU only.
-  if (operation != kSum || !fits(*this) || !all_have_data(inputs)) return true;
+  if (operation != kSum || !prepared || !all_have_data(inputs) || !fits(*this)) return true;
   // Kept: the model holds no coefficients, so all become 1, those that were there before as well.
   if (coefficients.size() != inputs.size()) coefficients.assign(inputs.size(), 1.0F);
   std::vector<const float*> terms;

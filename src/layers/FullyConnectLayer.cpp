@@ -54,8 +54,7 @@ std::uint64_t features(const FullyConnectLayer& layer) {
 
 bool ready(const FullyConnectLayer& layer) {
   return layer.weights && layer.weights->data != nullptr && !layer.weights_transposed &&
-         layer.weights->layout == kInterleaved && has_data(last_input(layer), last_output(layer)) &&
-         fits(layer);
+         layer.weights->layout == kInterleaved && has_data(layer) && fits(layer);
 }
 
 void forward_float(FullyConnectLayer& layer) {

@@ -12,7 +12,7 @@ std::size_t scratch_floats(const Blob& input) {
 }
 
 bool ready(const LrnLayer& layer) {
-  return layer.scale != nullptr && has_data(last_input(layer), last_output(layer)) && fits(layer) &&
+  return layer.scale != nullptr && has_data(layer) && fits(layer) &&
          scratch_floats(*last_input(layer)) <= layer.workspace->size();
 }
 

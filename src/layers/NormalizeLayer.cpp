@@ -24,7 +24,7 @@ kernels::NormalizeSizes sizes_of(const Blob& input) {
 
 bool ready(const NormalizeLayer& layer) {
   return layer.scale != nullptr && layer.scale->data != nullptr && layer.squares != nullptr &&
-         layer.norms != nullptr && has_data(last_input(layer), last_output(layer)) && fits(layer);
+         layer.norms != nullptr && has_data(layer) && fits(layer);
 }
 
 // Brings the scratch Blobs to the input's shape. False when one Blob served as both while the input

@@ -24,7 +24,7 @@ Fit fits(const PReluLayer& layer) {
 bool PReluLayer::Forward(std::uint32_t) {
   const Blob* input = last_input(*this);
   Blob* output = last_output(*this);
-  if (!has_data(input, output) || !fits(*this)) return true;
+  if (!has_data(*this) || !fits(*this)) return true;
   kernels::prelu(input->data, output->data, output->count, slopes->data, input->dims[3]);
   return true;
 }

@@ -56,7 +56,7 @@ Fit fits(const PermuteLayer& layer) {
 bool PermuteLayer::Forward(std::uint32_t) {
   const Blob* input = last_input(*this);
   Blob* output = last_output(*this);
-  if (!moves_values(*this) || !has_data(input, output) || !fits(*this)) return true;
+  if (!moves_values(*this) || !has_data(*this) || !fits(*this)) return true;
   const std::size_t image = image_floats(*input);
   const bool shared = input->data == output->data;
   if (shared && image > workspace->size()) return true;

@@ -58,7 +58,7 @@ Fit fits(const PoolingLayer& l) {
 bool PoolingLayer::Forward(std::uint32_t) {
   const Blob* input = last_input(*this);
   Blob* output = last_output(*this);
-  if (!has_data(input, output) || !fits(*this)) return true;
+  if (!has_data(*this) || !fits(*this)) return true;
   const auto sizes = sizes_of(*this, *input, *output);
   if (mode == kMax) kernels::max_pooling(sizes, input->data, output->data);
   if (mode == kAverage) kernels::average_pooling(sizes, input->data, output->data);

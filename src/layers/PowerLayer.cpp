@@ -19,7 +19,7 @@ Fit fits(const PowerLayer& layer) {
 bool PowerLayer::Forward(std::uint32_t) {
   const Blob* input = last_input(*this);
   Blob* output = last_output(*this);
-  if (!has_data(input, output) || !fits(*this)) return true;
+  if (!has_data(*this) || !fits(*this)) return true;
   // Kept: each step starts from the input again. In shared storage the steps compose; elsewhere the
   // last one decides, those before it are not computed at all, and with no step the output stays.
   const bool shared = input->data == output->data;

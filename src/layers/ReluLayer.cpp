@@ -18,7 +18,7 @@ Fit fits(const ReluLayer& layer) {
 bool ReluLayer::Forward(std::uint32_t) {
   const Blob* input = last_input(*this);
   Blob* output = last_output(*this);
-  if (!has_data(input, output) || !fits(*this)) return true;
+  if (!has_data(*this) || !fits(*this)) return true;
   kernels::relu(input->data, output->data, input->count, negative_slope);
   return true;
 }

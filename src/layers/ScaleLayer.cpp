@@ -22,7 +22,7 @@ Fit fits(const ScaleLayer& layer) {
 bool ScaleLayer::Forward(std::uint32_t) {
   const Blob* input = last_input(*this);
   Blob* output = last_output(*this);
-  if (!has_data(input, output) || !fits(*this)) return true;
+  if (!has_data(*this) || !fits(*this)) return true;
   const std::size_t n = output->count;
   const bool shifts = has_bias && bias;
   if (shifts && bias->count == scales->count) {

@@ -26,7 +26,7 @@ Fit fits(const SoftmaxLayer& layer) {
 bool SoftmaxLayer::Forward(std::uint32_t) {
   const Blob* input = last_input(*this);
   Blob* output = last_output(*this);
-  if (!has_data(input, output) || !fits(*this)) return true;
+  if (!has_data(*this) || !fits(*this)) return true;
   kernels::softmax(input->data, output->data, input->count, group_length(*input));
   return true;
 }

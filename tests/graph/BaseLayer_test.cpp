@@ -299,14 +299,22 @@ TEST(SharedScratch, OtherDimsOrAnotherLayoutGetABlobOfTheirOwn) {
   EXPECT_EQ(params.size(), 3U);
 }
 
-TEST(HasData, NeedsBothBlobsWithData) {
+TEST(HasData, NeedsASetUpAndBothBlobsWithData) {
   const auto full = make_blob({1, 1, 1, 1}, {1});
   const auto empty = make_blob({1, 1, 1, 1});
-  EXPECT_TRUE(has_data(full.get(), full.get()));
-  EXPECT_FALSE(has_data(full.get(), empty.get()));
-  EXPECT_FALSE(has_data(empty.get(), full.get()));
-  EXPECT_FALSE(has_data(nullptr, full.get()));
-  EXPECT_FALSE(has_data(full.get(), nullptr));
+  const auto answer = [](std::vector<Blob*> inputs, std::vector<Blob*> outputs, bool prepared) {
+    BaseLayer layer;
+    layer.inputs = std::move(inputs);
+    layer.outputs = std::move(outputs);
+    layer.prepared = prepared;
+    return has_data(layer);
+  };
+  EXPECT_TRUE(answer({full.get()}, {full.get()}, true));
+  EXPECT_FALSE(answer({full.get()}, {full.get()}, false));
+  EXPECT_FALSE(answer({full.get()}, {empty.get()}, true));
+  EXPECT_FALSE(answer({empty.get()}, {full.get()}, true));
+  EXPECT_FALSE(answer({}, {full.get()}, true));
+  EXPECT_FALSE(answer({full.get()}, {}, true));
 }
 
 }  // namespace

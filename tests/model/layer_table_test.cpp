@@ -61,10 +61,20 @@ TEST(LayerTable, KeywordsAreComparedExactly) {
 }
 
 TEST(LayerTable, TheFirstRowOfAKeywordWins) {
-  const LayerRow rows[] = {{"a", 1, "first", nullptr, nullptr},
-                           {"a", 2, "second", nullptr, nullptr}};
+  const LayerRow rows[] = {{"a", 1, "first", nullptr, nullptr, nullptr},
+                           {"a", 2, "second", nullptr, nullptr, nullptr}};
   EXPECT_EQ(find_row(rows, "a")->type, 1U);
   EXPECT_EQ(find_row({}, "a"), nullptr);
+}
+
+TEST(LayerTable, TypesAreFoundToo) {
+  for (const LayerRow& row : layer_table()) {
+    EXPECT_EQ(find_row(layer_table(), row.type)->type, row.type);
+  }
+  EXPECT_EQ(find_row(layer_table(), std::uint32_t{2})->keyword, "conv");
+  for (const std::uint32_t type : {0U, 5U, 6U, 21U}) {
+    EXPECT_EQ(find_row(layer_table(), type), nullptr) << type;
+  }
 }
 
 }  // namespace

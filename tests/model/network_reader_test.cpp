@@ -470,9 +470,9 @@ Fit never_fits(const BaseLayer&) {
   return {"it never fits"};
 }
 
-const LayerRow kTestRows[] = {{"maker", 1, "Maker", read_maker, always_fits},
-                              {"picky", 2, "Picky", read_picky, always_fits},
-                              {"misfit", 3, "Misfit", read_maker, never_fits}};
+const LayerRow kTestRows[] = {{"maker", 1, "Maker", read_maker, nullptr, always_fits},
+                              {"picky", 2, "Picky", read_picky, nullptr, always_fits},
+                              {"misfit", 3, "Misfit", read_maker, nullptr, never_fits}};
 
 Bytes numbered(const char* keyword, const char* id) {
   return Dictionary().add("class", keyword).add("id", id);
