@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import numpy as np
 import torch
+from dataset import INPUT_SIZE
 from reference import (  # which makes the ravu package importable
     CENTRE_SIZE,
     BatchNorm,
@@ -23,13 +24,12 @@ from reference import (  # which makes the ravu package importable
 from signs import LABELS
 from torch import nn
 
-INPUT_SIZE = 128
 PIXEL_SCALE = 1 / 255
 
 # Each convolution: name, output channels, kernel size, stride, and whether pooling follows.
 BACKBONE = (
     ("conv1", 16, 3, 2, False),
-    ("conv2", 24, 3, 1, True),
+    ("conv2", 24, 3, 2, False),
     ("conv3", 48, 3, 1, True),
     ("conv4", 96, 3, 1, False),
     ("conv5", 96, 3, 1, False),
