@@ -26,7 +26,7 @@ from torch import nn
 
 MODEL_PATH = Path(__file__).with_name("signs.ravu")
 SEED = 7
-BATCH = 32
+BATCH = 16
 MAX_FILE_BYTES = 2 * 2**20
 
 
