@@ -14,7 +14,7 @@ import tempfile
 from pathlib import Path
 
 import numpy as np
-from dataset import write_scenes
+from series import write_scenes
 from precision import average_precisions
 from reference import Detection
 from scenes import HELD_OUT_SERIES, draw_scene

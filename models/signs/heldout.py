@@ -9,7 +9,7 @@ from __future__ import annotations
 import argparse
 from pathlib import Path
 
-from dataset import write_scenes
+from series import write_scenes
 from scenes import EXAMPLE_SERIES, HELD_OUT_SERIES, draw_scene
 
 

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import numpy as np
 import torch
-from dataset import INPUT_SIZE
+from series import INPUT_SIZE
 from reference import (  # which makes the ravu package importable
     CENTRE_SIZE,
     BatchNorm,
@@ -44,7 +44,7 @@ MAPS = (("conv5", 16, 16, 28), ("conv6", 8, 28, 50), ("conv7", 4, 50, 80))
 ASPECT_RATIOS = (2.0, 0.5)
 PRIORS_PER_CELL = 2 + len(ASPECT_RATIOS)
 PRIORS = sum(size * size for _, size, _, _ in MAPS) * PRIORS_PER_CELL
-# Units in which the network is trained to give positions and sizes; the file has them multiplied in.
+# Units in which the network gives positions and sizes in training; the file has them multiplied in.
 VARIANCES = (0.1, 0.1, 0.2, 0.2)
 # The convolutions whose normalisation stays a layer of its own in the file.
 NORMALISED_IN_FILE = ("reduce6", "conv6", "reduce7", "conv7")

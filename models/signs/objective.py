@@ -43,7 +43,7 @@ class Objective:
         return (location_loss + every[chosen].sum()) / positive.sum().clamp(min=1)
 
     def match(self, boxes: torch.Tensor, labels: torch.Tensor) -> tuple[torch.Tensor, torch.Tensor]:
-        """The label that each prior is to give, and the sign (index into S) it belongs to: (N, P)."""
+        """For each prior the label that it is to give and the sign (index into S) meant: (N, P)."""
         overlap = pairwise_overlaps(boxes, self.priors)
         overlap = overlap.masked_fill((labels == 0)[..., None], -1.0)
         best, owner = overlap.max(dim=1)

@@ -51,7 +51,7 @@ def detect(model: Model, pixels: np.ndarray) -> list[list[Detection]]:
 
 
 def evaluate(model: Model, pixels: np.ndarray) -> dict[str, np.ndarray]:
-    """Every Blob but the detections, by name. Blobs that are written in place hold the last word."""
+    """Every Blob but the detections, by name. One written in place holds its last values."""
     blobs = {model.input_name: pixels.astype(np.float32)}
     for layer in model.layers[:-1]:
         inputs = [blobs[name] for name in layer.inputs]

@@ -125,7 +125,7 @@ def _covered(mask: Image.Image, left: int, top: int, size: tuple[int, int]) -> n
 
 
 def _paint(behind: np.ndarray, rng: RANDOM) -> Paint:
-    """Any colours, as long as the mark stands out from the face and the sign from what is behind."""
+    """Any colours with which marks stand out from the face, and the sign from what is behind."""
     while True:
         face, rim = _colour(rng), _colour(rng)
         marks = np.stack([_colour(rng) for _ in range(3)])

@@ -13,7 +13,7 @@ pytest.importorskip("PIL")
 
 from PIL import Image  # noqa: E402
 
-from dataset import as_input, write_scenes  # noqa: E402
+from series import as_input, write_scenes  # noqa: E402
 from precision import average_precisions  # noqa: E402
 from reference import Detection, Model, decode, detect, evaluate, overlaps  # noqa: E402
 from scenes import HELD_OUT_SERIES, TRAINING_SERIES, draw_scene  # noqa: E402

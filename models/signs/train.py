@@ -15,7 +15,7 @@ from pathlib import Path
 
 import numpy as np
 import torch
-from dataset import Inputs, evaluation_inputs, training_inputs
+from series import Inputs, evaluation_inputs, training_inputs
 from network import VARIANCES, Network, all_priors, to_model
 from objective import Objective
 from precision import average_precisions
@@ -159,7 +159,8 @@ def measure(model: Model, held_out: Inputs) -> None:
     each = average_precisions(detections, truths, range(1, len(LABELS)))
     for label, value in each.items():
         print(f"  {LABELS[label]}: {value:.3f}")
-    print(f"mAP at 0.5 (numpy) on {len(truths)} held-out scenes: {np.mean(list(each.values())):.3f}")
+    mean = np.mean(list(each.values()))
+    print(f"mAP at 0.5 (numpy) on {len(truths)} held-out scenes: {mean:.3f}")
 
 
 if __name__ == "__main__":
