@@ -158,6 +158,56 @@ class TestReference:
         np.testing.assert_allclose(found, [[0, -0.2, 0.8, 0]], atol=1e-12)
 
 
+class TestObjective:
+    """Skipped where PyTorch is missing: only training needs it."""
+
+    PRIORS = np.array([[0, 0, 0.4, 0.4], [0.1, 0, 0.5, 0.4], [0.6, 0.6, 1, 1]], np.float32)
+
+    @pytest.fixture
+    def objective(self):
+        torch = pytest.importorskip("torch")
+        from objective import Objective
+
+        return Objective(torch.from_numpy(self.PRIORS))
+
+    def match(self, objective, boxes, labels):
+        import torch
+
+        wanted, owner = objective.match(torch.tensor([boxes]), torch.tensor([labels]))
+        return wanted[0].tolist(), owner[0].tolist()
+
+    def test_priors_that_overlap_a_sign_enough_answer_for_it(self, objective):
+        # Overlaps 1, 3 / 5 and 0.
+        assert self.match(objective, [[0.0, 0.0, 0.4, 0.4]], [7])[0] == [7, 7, 0]
+
+    def test_every_sign_has_the_prior_that_fits_best_however_badly(self, objective):
+        assert self.match(objective, [[0.9, 0.9, 1.0, 1.0]], [5])[0] == [0, 0, 5]
+
+    def test_a_prior_answers_for_the_sign_that_it_overlaps_most(self, objective):
+        signs = [[0.0, 0.0, 0.4, 0.4], [0.1, 0.0, 0.5, 0.4]]
+        assert self.match(objective, signs, [7, 3]) == ([7, 3, 0], [0, 1, 0])
+
+    def test_places_without_a_sign_are_never_matched(self, objective):
+        signs = [[0.1, 0.0, 0.5, 0.4], [0.0, 0.0, 0.0, 0.0]]
+        assert self.match(objective, signs, [3, 0])[0] == [3, 3, 0]
+
+    def test_what_is_encoded_decodes_to_the_sign(self, objective):
+        import torch
+
+        signs = np.array([[[0.05, 0.1, 0.3, 0.5], [0, 0, 1, 1], [0.5, 0.7, 0.8, 0.9]]], np.float32)
+        locations = objective.encode(torch.from_numpy(signs)) * objective.variances
+        np.testing.assert_allclose(decode(locations[0].numpy(), self.PRIORS), signs[0], atol=1e-6)
+
+    def test_a_few_of_the_worst_negatives_count(self):
+        torch = pytest.importorskip("torch")
+        from objective import hardest_negatives
+
+        loss = torch.tensor([[9.0, 1.0, 5.0, 4.0, 3.0, 2.0]])
+        positive = torch.tensor([[True, False, False, False, False, False]])
+        chosen = hardest_negatives(loss, positive)[0].tolist()
+        assert chosen == [False, False, True, True, True, True]
+
+
 class TestModel:
     def test_file_is_smaller_than_two_mebibytes(self):
         assert (HERE / "signs.ravu").stat().st_size < 2 * 2**20
