@@ -3,6 +3,8 @@
 from __future__ import annotations
 
 import json
+import subprocess
+import sys
 from pathlib import Path
 
 import numpy as np
@@ -142,6 +144,61 @@ class TestPrecision:
 
     def test_classes_that_no_picture_shows_are_left_out(self):
         assert list(average_precisions([[]], [self.TRUTH], [1, 2])) == [1]
+
+
+# Stands in for the ravu program: the same arguments and the same JSON, computed in numpy.
+PROGRAM = """#!{python}
+import json, sys
+sys.path.insert(0, {folder!r})
+import numpy as np
+from PIL import Image
+from reference import Model, detect
+from series import as_input
+command, model, *images, form = sys.argv[1:]
+assert (command, form) == ("detect", "--json")
+model, result = Model.read(model), []
+for path in reversed(images):
+    picture = Image.open(path)
+    found = detect(model, as_input(picture)[None])[0]
+    sides = np.tile(picture.size, 2)
+    boxes = [
+        dict(label=model.labels[i], index=i, score=score, box=list(box * sides))
+        for i, score, box in found
+    ]
+    result.append(
+        dict(image=path, width=picture.width, height=picture.height, detections=boxes)
+    )
+print(json.dumps(result))
+"""
+
+
+class TestEvaluate:
+    def evaluate(self, program):
+        command = [sys.executable, HERE / "evaluate.py", program, "--count", "12"]
+        return subprocess.run(command, capture_output=True, text=True, check=False)
+
+    def write_program(self, path, text):
+        path.write_text(text)
+        path.chmod(0o755)
+        return path
+
+    def test_program_that_detects_is_measured(self, tmp_path, model, scenes):
+        text = PROGRAM.format(python=sys.executable, folder=str(HERE))
+        result = self.evaluate(self.write_program(tmp_path / "ravu", text))
+        assert result.returncode == 0, result.stderr
+        inputs = np.stack([as_input(scene.image) for scene in scenes])
+        truths = [
+            (scene.labels, scene.boxes / np.tile(scene.image.size, 2)) for scene in scenes
+        ]
+        each = average_precisions(detect(model, inputs), truths, range(1, len(LABELS)))
+        mean = np.mean(list(each.values()))
+        assert f"mAP at 0.5 on 12 held-out scenes: {mean:.3f}" in result.stdout
+
+    def test_program_that_fails_or_leaves_pictures_out_is_reported(self, tmp_path):
+        failing = self.write_program(tmp_path / "failing", "#!/bin/sh\nexit 3\n")
+        assert "failed with status 3" in self.evaluate(failing).stderr
+        silent = self.write_program(tmp_path / "silent", "#!/bin/sh\necho '[]'\n")
+        assert "left out 12 pictures" in self.evaluate(silent).stderr
 
 
 class TestReference:

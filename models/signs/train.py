@@ -33,7 +33,7 @@ MAX_FILE_BYTES = 2 * 2**20
 def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--scenes", type=int, default=10_000, help="training scenes to draw")
-    parser.add_argument("--epochs", type=int, default=7, help="passes over them")
+    parser.add_argument("--epochs", type=int, default=5, help="passes over them")
     parser.add_argument("--held-out", type=int, default=500, help="scenes to measure on")
     parser.add_argument("--threads", type=int, default=2, help="processor cores to use")
     parser.add_argument("--cache", type=Path, help="keep the drawn scenes in this .npz file")
