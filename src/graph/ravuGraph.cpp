@@ -113,9 +113,8 @@ void Network::collect_outputs() {
 
 void Network::change_input_shape(const Shape& shape) {
   ShapeChange change(*this);
-  const std::uint64_t limit = machine_memory();
   std::uint64_t grown = std::uint64_t{shape.count} * sizeof(float);
-  if (grown > limit) throw std::bad_alloc();
+  if (grown > memory_limit) throw std::bad_alloc();
   reshape(*input, shape);
   for (const auto& layer : layers) {
     layer->Reshape();
@@ -123,7 +122,7 @@ void Network::change_input_shape(const Shape& shape) {
     if (output == nullptr || output == last_input(*layer)) continue;
     // The running sum may count a Blob twice, so it only says when the exact one is worth taking.
     grown += std::uint64_t{output->count} * sizeof(float);
-    if (grown > limit && storage_bytes() > limit) throw std::bad_alloc();
+    if (grown > memory_limit && storage_bytes() > memory_limit) throw std::bad_alloc();
   }
   bind_borrowers();
   change.commit();

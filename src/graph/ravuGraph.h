@@ -15,6 +15,9 @@
 
 namespace ravu {
 
+// Bytes of memory that this machine has.
+std::uint64_t machine_memory();
+
 struct Network {
   std::uint32_t input_width = 0;  // the model's "input_size", as is input_height
   std::uint32_t input_height = 0;
@@ -34,6 +37,7 @@ struct Network {
   std::vector<Blob*> outputs;        // borrowed, in the order of collection
   std::vector<BlobPtr> graph_blobs;  // the record of every Blob made by wiring or by the crop
   Workspace workspace;
+  std::uint64_t memory_limit = machine_memory();  // bytes that all Blobs together may take
 
   Network() = default;
   Network(const Network&) = delete;
@@ -56,8 +60,8 @@ struct Network {
   // Lists the outputs that no layer reads without also writing them, and gives them storage.
   void collect_outputs();
 
-  // Gives the input a new shape and lets every layer follow. When memory does not suffice the
-  // network is as it was before, and std::bad_alloc is thrown.
+  // Gives the input a new shape and lets every layer follow. When the memory limit or the
+  // memory does not suffice the network is as it was before, and std::bad_alloc is thrown.
   void change_input_shape(const Shape& shape);
 
   // Zeroes the parameter Blobs that add up from run to run. Called with every new input, so that
@@ -76,8 +80,5 @@ struct Network {
   // Releases everything; the network is empty afterwards.
   void release();
 };
-
-// Bytes of memory that this machine has.
-std::uint64_t machine_memory();
 
 }  // namespace ravu

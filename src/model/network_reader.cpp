@@ -127,9 +127,9 @@ void read_labels(const Record& root) {
   for (TagWalk walk(list); walk.next();) root.state->network->add_label(tag_text(walk.child));
 }
 
-void give_storage(LoadState& state, std::uint64_t memory_limit) {
+void give_storage(LoadState& state) {
   Network& network = *state.network;
-  if (network.storage_bytes() > memory_limit) {
+  if (network.storage_bytes() > network.memory_limit) {
     state.fail({}, "the network's tensors would take more memory than this machine has");
     return;
   }
@@ -160,6 +160,7 @@ LoadResult read_network(const Tag& root_element, const LoadOptions& options) {
   try {
     auto network = std::make_unique<Network>();
     LoadState state;
+    network->memory_limit = options.memory_limit;
     state.network = network.get();
     const Record root{root_element, &state};
     if (!root_element || root_element.type != kTagDictionary) {
@@ -172,7 +173,7 @@ LoadResult read_network(const Tag& root_element, const LoadOptions& options) {
       state.quantised = get_int(root, "need_quant", 0) != 0;
       const Tag layers = need_tag(root, "layers");
       if (!state.failed) read_layers(layers, layer_table(), state);
-      if (!state.failed) give_storage(state, options.memory_limit);
+      if (!state.failed) give_storage(state);
       if (!state.failed) read_labels(root);
     }
     if (!state.failed) result.network = std::move(network);

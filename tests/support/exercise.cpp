@@ -10,7 +10,7 @@
 namespace ravu::test {
 namespace {
 
-constexpr std::uint64_t kMemoryLimit = std::uint64_t{1} << 20;
+constexpr std::uint64_t kMemoryLimit = std::uint64_t{1} << 17;
 
 void read_values(const Blob* blob) {
   if (blob == nullptr || blob->data == nullptr) return;
