@@ -24,12 +24,12 @@ std::size_t round_up_to_64(std::size_t bytes) {
 // `reserved` bytes of which the first count floats may be touched; those are zeroed.
 std::shared_ptr<float> make_storage(std::size_t reserved, std::uint32_t count) {
   if (reserved == 0) return nullptr;
-  const auto alignment = std::align_val_t{kStorageAlignment};
+  constexpr auto alignment = std::align_val_t{kStorageAlignment};
   auto* data = static_cast<float*>(::operator new(reserved, alignment));
   const std::size_t used = std::size_t{count} * sizeof(float);
   std::memset(data, 0, used);
   ASAN_POISON_MEMORY_REGION(reinterpret_cast<char*>(data) + used, reserved - used);
-  return {data, [reserved, alignment](float* released) {
+  return {data, [reserved](float* released) {
             ASAN_UNPOISON_MEMORY_REGION(released, reserved);
             ::operator delete(released, alignment);
           }};
