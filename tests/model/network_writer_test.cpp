@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <random>
 
 #include "layers/EltWiseLayer.h"
 #include "model/tag_writer.h"
@@ -302,7 +303,7 @@ class SaveNetwork : public testing::Test {
   void SetUp() override {
     network_ = load(small_models()[0].bytes).network;
     ASSERT_TRUE(network_);
-    folder_ = fs::temp_directory_path() / ("ravu_save_" + std::to_string(std::rand()));
+    folder_ = fs::temp_directory_path() / ("ravu_save_" + std::to_string(std::random_device{}()));
     fs::create_directory(folder_);
   }
   void TearDown() override { fs::remove_all(folder_); }
