@@ -12,6 +12,7 @@
 #include "common/model.h"
 #include "common/printing.h"
 #include "json.h"
+#include "layers/DetectionOutputLayer.h"
 
 namespace ravu::tools {
 namespace {
@@ -43,13 +44,16 @@ std::span<const float> scores_of(const Network& network) {
 }
 
 void check_classifier(const Network& network, const ClassifyOptions& options) {
+  if (network.outputs.empty()) throw Failure(options.model + ": the network has no output");
+  if (dynamic_cast<const DetectionOutputLayer*>(network.layers.back().get()) != nullptr) {
+    throw Failure(options.model + ": is a detector; its boxes are no scores of classes");
+  }
   const auto& dims = network.input->dims;
   if (dims[1] == 0 || dims[2] == 0) throw Failure(options.model + ": the input has no pixels");
   if (dims[3] != 1 && dims[3] != 3) {
     throw Failure(options.model + ": wants images of " + std::to_string(dims[3]) +
                   " channels; only 1 and 3 can be fed from image files");
   }
-  if (network.outputs.empty()) throw Failure(options.model + ": the network has no output");
 }
 
 std::string text_of(const Classification& result) {

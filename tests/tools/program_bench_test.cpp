@@ -5,7 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "support/program.h"
-#include "support/small_models.h"
+#include "support/tool_models.h"
 
 namespace ravu::test {
 namespace {

@@ -9,6 +9,7 @@
 #include "support/encoders.h"
 #include "support/program.h"
 #include "support/small_models.h"
+#include "support/tool_models.h"
 
 namespace ravu::test {
 namespace {
@@ -165,6 +166,18 @@ TEST_F(ProgramClassify, AModelWithoutOutputIsRefused) {
   const Outcome outcome = run_ravu({"classify", empty.path(), red.path()});
   EXPECT_EQ(outcome.code, 1);
   EXPECT_THAT(outcome.err, HasSubstr("the network has no output"));
+}
+
+TEST_F(ProgramClassify, ADetectorIsRefused) {
+  for (const SmallModel& small : small_models()) {
+    if (std::string_view(small.name) != "detector") continue;
+    const TemporaryFile detector(small.bytes);
+    const Outcome outcome = run_ravu({"classify", detector.path(), red.path()});
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_THAT(outcome.err, HasSubstr("is a detector"));
+    return;
+  }
+  FAIL() << "there is no such model";
 }
 
 TEST_F(ProgramClassify, TheSheetIsAPngWithOneTilePerImage) {

@@ -4,6 +4,7 @@
 
 #include "support/program.h"
 #include "support/small_models.h"
+#include "support/tool_models.h"
 
 namespace ravu::test {
 namespace {
@@ -95,6 +96,16 @@ TEST(Program, TheEnginesNoticesStayOffStandardOutput) {
   EXPECT_EQ(outcome.code, 0);
   EXPECT_THAT(outcome.out, StartsWith("{"));
   EXPECT_THAT(outcome.err, HasSubstr("[WARNING]\tSoftmax still not hit nowhere."));
+}
+
+TEST(Program, EveryLayerClassCanBeInspectedAndMeasured) {
+  for (const SmallModel& small : small_models()) {
+    const TemporaryFile model(small.bytes);
+    EXPECT_EQ(run_ravu({"inspect", model.path()}).code, 0) << small.name;
+    EXPECT_EQ(run_ravu({"inspect", model.path(), "--tags"}).code, 0) << small.name;
+    EXPECT_EQ(run_ravu({"bench", model.path(), "--layers", "--repeats", "2"}).code, 0)
+        << small.name;
+  }
 }
 
 TEST(Program, ResultsThatCannotBeWrittenAreAFailure) {

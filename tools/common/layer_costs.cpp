@@ -4,6 +4,7 @@
 #include "layers/ConvLayer.h"
 #include "layers/CropLayer.h"
 #include "layers/FullyConnectLayer.h"
+#include "layers/NormalizeLayer.h"
 #include "model/layer_table.h"
 
 namespace ravu::tools {
@@ -35,6 +36,10 @@ LayerCosts costs_of(const FullyConnectLayer& layer) {
   return costs;
 }
 
+LayerCosts costs_of(const NormalizeLayer& layer) {
+  return {.parameters = values_in(layer.scale)};
+}
+
 // Answers false and leaves `costs` alone when the layer is of another class.
 using Counter = bool (*)(const BaseLayer& layer, LayerCosts& costs);
 
@@ -48,6 +53,7 @@ bool count_as(const BaseLayer& layer, LayerCosts& costs) {
 constexpr Counter kCounters[] = {
     count_as<ConvLayer>,
     count_as<FullyConnectLayer>,
+    count_as<NormalizeLayer>,
 };
 
 }  // namespace

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "model/network_reader.h"
-#include "support/small_models.h"
+#include "support/tool_models.h"
 
 namespace ravu::test {
 namespace {
@@ -41,6 +41,19 @@ TEST(LayerCosts, TheBatchMultipliesTheWorkAndNotTheParameters) {
   EXPECT_EQ(layer_costs(*network->layers[0]).parameters, 112U);
   EXPECT_EQ(layer_costs(*network->layers[0]).multiply_adds, 3U * 6912);
   EXPECT_EQ(layer_costs(*network->layers[4]).multiply_adds, 3U * 480);
+}
+
+TEST(LayerCosts, L2NormalisationHasItsScales) {
+  const Bytes model = ModelBuilder(4, 3)
+                          .add_layer(layer("norm", {"data"}, {"n"})
+                                         .add("across_spatial", 0)
+                                         .add("channel_shared", 0)
+                                         .add("scale", tensor({3}, {1, 2, 3})))
+                          .bytes();
+  const auto network = read_network(root_tag(model.data(), model.size()), {}).network;
+  ASSERT_TRUE(network);
+  EXPECT_EQ(layer_costs(*network->layers[0]).parameters, 3U);
+  EXPECT_EQ(layer_costs(*network->layers[0]).multiply_adds, 0U);
 }
 
 TEST(LayerCosts, OtherLayersCostNothing) {

@@ -1,5 +1,5 @@
 // Small models as the tests of the program need them.
-#include "support/small_models.h"
+#include "support/tool_models.h"
 
 namespace ravu::test {
 namespace {
