@@ -1,10 +1,13 @@
 // One row per class that has parameters; a class without a row costs nothing.
 #include "common/layer_costs.h"
 
+#include "layers/BatchNormLayer.h"
 #include "layers/ConvLayer.h"
 #include "layers/CropLayer.h"
 #include "layers/FullyConnectLayer.h"
 #include "layers/NormalizeLayer.h"
+#include "layers/PReluLayer.h"
+#include "layers/ScaleLayer.h"
 #include "model/layer_table.h"
 
 namespace ravu::tools {
@@ -36,6 +39,18 @@ LayerCosts costs_of(const FullyConnectLayer& layer) {
   return costs;
 }
 
+LayerCosts costs_of(const BatchNormLayer& layer) {
+  return {.parameters = values_in(layer.mean) + values_in(layer.divisor)};
+}
+
+LayerCosts costs_of(const ScaleLayer& layer) {
+  return {.parameters = values_in(layer.scales) + values_in(layer.bias)};
+}
+
+LayerCosts costs_of(const PReluLayer& layer) {
+  return {.parameters = values_in(layer.slopes)};
+}
+
 LayerCosts costs_of(const NormalizeLayer& layer) {
   return {.parameters = values_in(layer.scale)};
 }
@@ -51,9 +66,8 @@ bool count_as(const BaseLayer& layer, LayerCosts& costs) {
 }
 
 constexpr Counter kCounters[] = {
-    count_as<ConvLayer>,
-    count_as<FullyConnectLayer>,
-    count_as<NormalizeLayer>,
+    count_as<BatchNormLayer>, count_as<ConvLayer>,  count_as<FullyConnectLayer>,
+    count_as<NormalizeLayer>, count_as<PReluLayer>, count_as<ScaleLayer>,
 };
 
 }  // namespace

@@ -43,17 +43,28 @@ TEST(LayerCosts, TheBatchMultipliesTheWorkAndNotTheParameters) {
   EXPECT_EQ(layer_costs(*network->layers[4]).multiply_adds, 3U * 480);
 }
 
-TEST(LayerCosts, L2NormalisationHasItsScales) {
-  const Bytes model = ModelBuilder(4, 3)
-                          .add_layer(layer("norm", {"data"}, {"n"})
-                                         .add("across_spatial", 0)
-                                         .add("channel_shared", 0)
-                                         .add("scale", tensor({3}, {1, 2, 3})))
-                          .bytes();
+TEST(LayerCosts, NormalisationsScalesAndSlopesHaveParametersOnly) {
+  const Bytes three = tensor({3}, {1, 2, 3});
+  const Bytes model =
+      ModelBuilder(4, 3)
+          .add_layer(layer("bn", {"data"}, {"a"}).add("mean", three).add("var", three))
+          .add_layer(layer("scale", {"a"}, {"b"})
+                         .add("has_bias", 1)
+                         .add("scales", three)
+                         .add("bias", three))
+          .add_layer(layer("prelu", {"b"}, {"c"}).add("channel_shared", 0).add("filler", three))
+          .add_layer(layer("norm", {"c"}, {"d"})
+                         .add("across_spatial", 0)
+                         .add("channel_shared", 0)
+                         .add("scale", three))
+          .bytes();
   const auto network = read_network(root_tag(model.data(), model.size()), {}).network;
   ASSERT_TRUE(network);
-  EXPECT_EQ(layer_costs(*network->layers[0]).parameters, 3U);
-  EXPECT_EQ(layer_costs(*network->layers[0]).multiply_adds, 0U);
+  const std::uint64_t wanted[] = {6, 6, 3, 3};
+  for (std::size_t i = 0; i < 4; ++i) {
+    EXPECT_EQ(layer_costs(*network->layers[i]).parameters, wanted[i]) << i;
+    EXPECT_EQ(layer_costs(*network->layers[i]).multiply_adds, 0U) << i;
+  }
 }
 
 TEST(LayerCosts, OtherLayersCostNothing) {
