@@ -2,8 +2,11 @@
 
 find_program(RAVU_CCACHE ccache)
 if(RAVU_CCACHE)
-  set(CMAKE_C_COMPILER_LAUNCHER ${RAVU_CCACHE})
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${RAVU_CCACHE})
+  # Without these allowances ccache passes by all that has a precompiled header.
+  set(RAVU_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env
+      CCACHE_SLOPPINESS=pch_defines,time_macros ${RAVU_CCACHE})
+  set(CMAKE_C_COMPILER_LAUNCHER ${RAVU_COMPILER_LAUNCHER})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${RAVU_COMPILER_LAUNCHER})
 endif()
 
 if(MSVC)

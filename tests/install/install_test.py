@@ -20,6 +20,7 @@ def arguments():
     parser.add_argument("--source", required=True, help="root of the source tree")
     parser.add_argument("--model", required=True, help="model file that write_test_model wrote")
     parser.add_argument("--libdir", required=True, help="library folder below the prefix")
+    parser.add_argument("--generator", required=True, help="CMake's, for the outside project")
     parser.add_argument("--cc", required=True)
     parser.add_argument("--cxx", required=True)
     parser.add_argument("--flags", default="", help="for compiling and linking, say -fsanitize=...")
@@ -58,7 +59,8 @@ def check_files(options, first, prefix):
 def check_with_cmake(options, work, prefix):
     build = work / "outside"
     # Other copies on the machine must not help.
-    run("cmake", "-S", Path(options.source) / "tests/install/outside", "-B", build,
+    run("cmake", "-G", options.generator, "-S", Path(options.source) / "tests/install/outside",
+        "-B", build,
         f"-DCMAKE_PREFIX_PATH={prefix}", f"-DCMAKE_C_COMPILER={options.cc}",
         f"-DCMAKE_CXX_COMPILER={options.cxx}", f"-DCMAKE_C_FLAGS={options.flags}",
         f"-DCMAKE_CXX_FLAGS={options.flags}", "-DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF",
