@@ -48,7 +48,9 @@ ravu_blob* ravu_create_data_blob(ravu_network* network, const uint8_t* bytes, ui
   const auto layout = network == nullptr ? kInterleaved : to_network(network)->layout;
   const auto shape = make_shape(1, height, width, channels, layout);
   if (network == nullptr || bytes == nullptr || !shape || shape->count == 0) return nullptr;
-  if (std::uint64_t{shape->count} * sizeof(float) > machine_memory()) return nullptr;
+  if (std::uint64_t{shape->count} * sizeof(float) > to_network(network)->memory_limit) {
+    return nullptr;
+  }
   return or_fallback<ravu_blob*>(nullptr, [&] {
     auto blob = std::make_unique<Blob>();
     static_cast<Shape&>(*blob) = *shape;

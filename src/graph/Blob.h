@@ -36,6 +36,7 @@ struct Blob : Shape {
   std::shared_ptr<float> storage;  // keeps `data` alive: its own block, or the lender's
   Blob* lender = nullptr;          // set when the Blob shows another Blob's storage
   bool cleared_by_input = false;   // zeroed whenever the network is handed new input
+  bool zeroed_later = false;       // `reshape` leaves the zeroing to the network's shape change
 };
 
 // A Blob record that is released (storage included) when its holder goes.
@@ -62,8 +63,9 @@ bool allocate(Blob& blob);
 // Gives the Blob new storage for its count and copies count floats from `source` (null: zeros).
 void assign(Blob& blob, const void* source);
 
-// Gives the Blob a new shape and zeroed storage for it; contents are lost. Does nothing when the
-// Blob has data and the dims and layout are the same. A borrower gets the shape and no data.
+// Gives the Blob a new shape and storage for it, zeroed unless `zeroed_later` is set; contents are
+// lost. Does nothing when the Blob has data and the dims and layout are the same. A borrower gets
+// the shape and no data.
 void reshape(Blob& blob, const Shape& shape);
 
 // Turns planar storage into interleaved storage, block by block of plane_size x channels elements;

@@ -1,6 +1,8 @@
 // The driver of the processor run modes; the arithmetic belongs to the layers.
 #include "graph/cpu_backend.h"
 
+#include <new>
+
 namespace ravu {
 
 bool setup_cpu(Network& network, std::uint32_t mode) {
@@ -10,8 +12,16 @@ bool setup_cpu(Network& network, std::uint32_t mode) {
                    network.input_channels);
     network.mean->layout = kInterleaved;
   }
+  std::uint64_t bytes = network.storage_bytes();
   for (const auto& layer : network.layers) {
+    const std::size_t known = network.params.size();
     layer->Setup(static_cast<std::int32_t>(mode), network.params);
+    for (std::size_t i = known; i < network.params.size(); ++i) {
+      bytes += std::uint64_t{network.params[i]->count} * sizeof(float);
+    }
+    // The running sum still counts what has become a borrower meanwhile.
+    if (bytes > network.memory_limit) bytes = network.storage_bytes();
+    if (bytes > network.memory_limit) throw std::bad_alloc();
   }
   network.bind_borrowers();
   return true;

@@ -9,7 +9,7 @@
 namespace ravu {
 
 // Prepares every layer for the mode. May be called again, for the same mode or the other one.
-// Returns true; throws std::bad_alloc.
+// Returns true; throws std::bad_alloc, also when the layers' scratch Blobs pass the memory limit.
 bool setup_cpu(Network& network, std::uint32_t mode);
 
 // Subtracts the mean from the input, in place, then runs every layer in order. Without new input a

@@ -19,7 +19,8 @@ namespace {
 
 // Every Blob's shape and storage before a shape change. Unless the change is committed, they are
 // put back: storage is counted by reference, so the old blocks live as long as this record. Putting
-// back needs no memory.
+// back needs no memory. New storage is zeroed by the commit, so that a change which is refused has
+// touched none of it.
 class ShapeChange {
  public:
   explicit ShapeChange(const Network& network) {
@@ -31,15 +32,23 @@ class ShapeChange {
   ShapeChange& operator=(const ShapeChange&) = delete;
 
   ~ShapeChange() {
-    if (committed_) return;
     for (Saved& saved : blobs_) {
+      saved.blob->zeroed_later = false;
+      if (committed_) continue;
       static_cast<Shape&>(*saved.blob) = saved.shape;
       saved.blob->storage = std::move(saved.storage);
       saved.blob->data = saved.data;
     }
   }
 
-  void commit() { committed_ = true; }
+  void commit() {
+    for (const Saved& saved : blobs_) {
+      Blob& blob = *saved.blob;
+      const bool own = blob.lender == nullptr && blob.data != nullptr;
+      if (own && blob.storage != saved.storage) std::fill_n(blob.data, blob.count, 0.0F);
+    }
+    committed_ = true;
+  }
 
  private:
   struct Saved {
@@ -49,7 +58,10 @@ class ShapeChange {
     float* data;
   };
 
-  void remember(Blob& blob) { blobs_.push_back({&blob, blob, blob.storage, blob.data}); }
+  void remember(Blob& blob) {
+    blobs_.push_back({&blob, blob, blob.storage, blob.data});
+    blob.zeroed_later = true;
+  }
 
   std::vector<Saved> blobs_;
   bool committed_ = false;

@@ -86,6 +86,17 @@ TEST(CreateDataBlob, IsNullForSizesThatNoTensorCanHold) {
   EXPECT_EQ(ravu_create_data_blob(handle, bytes, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0), nullptr);
 }
 
+TEST(CreateDataBlob, IsNullForAnImageBeyondTheNetworksMemoryLimit) {
+  const Handle handle(small_classifier());
+  const Bytes pixels{1, 2, 3, 4};
+  handle.network().memory_limit = 4 * sizeof(float) - 1;
+  EXPECT_EQ(ravu_create_data_blob(handle, pixels.data(), 2, 2, 1, 2), nullptr);
+  handle.network().memory_limit = 4 * sizeof(float);
+  const BlobPtr image(to_blob(ravu_create_data_blob(handle, pixels.data(), 2, 2, 1, 2)));
+  ASSERT_NE(image, nullptr);
+  EXPECT_EQ(values_of(*image), (std::vector<float>{1, 2, 3, 4}));
+}
+
 TEST(SetInputData, CopiesEachImageToItsBatchItem) {
   const Handle handle(input_only(2, 1), /*batch=*/2);
   ravu_blob* blobs[] = {image_of(handle, {1, 2, 3, 4}), image_of(handle, {5, 6, 7, 8})};

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <new>
 #include <utility>
 
 #include "support/blobs.h"
@@ -46,6 +47,20 @@ TEST(CpuSetup, CallsEveryLayerInOrderWithTheModeAndIgnoresResults) {
   EXPECT_TRUE(setup_cpu(rig.network, 3));
   EXPECT_EQ(rig.calls, (std::vector<int>{13, 23}));
   EXPECT_EQ(rig.network.params.size(), 2U) << "layers place Blobs into the network's own list";
+}
+
+TEST(CpuSetup, RefusesScratchBeyondTheMemoryLimit) {
+  for (const std::uint64_t spare : {0U, 1U}) {
+    Rig rig({1, 1, 1, 1}, {0});
+    rig.add_layer(10, true);
+    rig.add_layer(20, true);
+    rig.network.memory_limit = 3 * sizeof(float) - spare;
+    if (spare == 0) {
+      EXPECT_TRUE(setup_cpu(rig.network, 0));
+    } else {
+      EXPECT_THROW(setup_cpu(rig.network, 0), std::bad_alloc);
+    }
+  }
 }
 
 TEST(CpuSetup, ClearsTheNetworksLayoutAndLeavesTheInputs) {

@@ -4,6 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#ifdef __linux__
+#include <sys/mman.h>
+#endif
+
+#include <algorithm>
 #include <new>
 #include <string>
 #include <utility>
@@ -346,6 +351,63 @@ TEST(NetworkShapeChange, ThatRunsOutOfMemoryLeavesShapesContentsAndPointersAsThe
   EXPECT_EQ(values_of(*network.input), (std::vector<float>{1, 2, 3, 4}));
   EXPECT_EQ(values_of(graph.blob("b")), (std::vector<float>{10, 11, 12, 13}));
   EXPECT_EQ(network.params[0]->data[0], 42);
+}
+
+#ifdef __linux__
+// Whether any page of the last megabyte of the Blob's storage was ever touched.
+bool end_was_touched(const Blob& blob) {
+  constexpr std::uintptr_t kPage = 4096;
+  constexpr std::size_t kPages = 256;
+  const auto end = reinterpret_cast<std::uintptr_t>(blob.data + blob.count) / kPage * kPage;
+  unsigned char resident[kPages];
+  EXPECT_EQ(mincore(reinterpret_cast<void*>(end - kPages * kPage), kPages * kPage, resident), 0);
+  return std::any_of(resident, resident + kPages, [](unsigned char page) { return page & 1; });
+}
+
+// A change that is refused half way may have asked for far more than the machine could give.
+TEST(NetworkShapeChange, TouchesNoNewStorageBeforeEveryLayerHasFollowed) {
+  struct LookingLayer : ProbeLayer {
+    bool input_touched = true;
+    bool output_touched = true;
+    void Reshape() override {
+      reshape_like_input();
+      input_touched = end_was_touched(*inputs[0]);
+      output_touched = end_was_touched(*outputs[0]);
+    }
+  };
+  Graph graph;
+  auto owner = std::make_unique<LookingLayer>();
+  LookingLayer& looking = *owner;
+  looking.inputs = {graph.network.input.get()};
+  looking.outputs = {&graph.blob("a")};
+  graph.network.add_layer(std::move(owner));
+  graph.set_up();
+  graph.network.change_input_shape(square(1, 4096));
+  EXPECT_FALSE(looking.input_touched);
+  EXPECT_FALSE(looking.output_touched);
+  EXPECT_TRUE(end_was_touched(*graph.network.input)) << "zeroed in the end";
+  EXPECT_TRUE(end_was_touched(graph.blob("a")));
+}
+#endif
+
+TEST(NetworkShapeChange, ZeroesNewStorageWhenEveryLayerHasFollowed) {
+  struct MarkingLayer : ProbeLayer {
+    void Reshape() override {
+      reshape_like_input();
+      inputs[0]->data[0] = outputs[0]->data[0] = 7;
+    }
+  };
+  Graph graph;
+  auto marking = std::make_unique<MarkingLayer>();
+  marking->inputs = {graph.network.input.get()};
+  marking->outputs = {&graph.blob("a")};
+  graph.network.add_layer(std::move(marking));
+  graph.set_up();
+  graph.network.change_input_shape(square(1, 3));
+  EXPECT_EQ(values_of(*graph.network.input), std::vector<float>(9, 0.0F));
+  EXPECT_EQ(values_of(graph.blob("a")), std::vector<float>(9, 0.0F));
+  reshape(graph.blob("a"), square(1, 1));
+  EXPECT_EQ(values_of(graph.blob("a")), std::vector<float>(1, 0.0F)) << "at once, as ever";
 }
 
 TEST(NetworkShapeChange, BeyondTheMachinesMemoryChangesNothing) {

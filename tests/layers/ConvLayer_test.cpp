@@ -75,6 +75,26 @@ TEST(ConvLayerShape, TheDilationTermIsMultipliedByStridePlusOne) {
   EXPECT_EQ(conv_record_shape(layer, *input, /*grouped=*/false)->dims, (Dims{1, 3, 3, 1}));
 }
 
+TEST(ConvLayerShape, WithADilationOfOneTheRecordsAndTheReshapeAgree) {
+  for (std::uint32_t side = 3; side < 40; ++side) {
+    for (std::int32_t stride = 1; stride < 4; ++stride) {
+      ConvLayer layer;
+      layer.output_channels = 2;
+      layer.kernel_h = layer.kernel_w = 3;
+      layer.stride_h = layer.stride_w = stride;
+      LayerRig rig(layer);
+      const Blob& input = rig.add_input({1, side, side, 1});
+      Blob& output = rig.add_output({1, 1, 1, 2});
+      const auto plain = conv_record_shape(layer, input, /*grouped=*/false);
+      const auto grouped = conv_record_shape(layer, input, /*grouped=*/true);
+      layer.Reshape();
+      ASSERT_TRUE(plain && grouped);
+      EXPECT_EQ(plain->dims, grouped->dims) << side << " stride " << stride;
+      EXPECT_EQ(plain->dims, output.dims) << side << " stride " << stride;
+    }
+  }
+}
+
 TEST(ConvLayerShape, AGroupedRecordLeavesDilationOut) {
   ConvLayer layer;
   layer.output_channels = 2;

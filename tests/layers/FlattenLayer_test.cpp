@@ -3,8 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <random>
+
 #include "graph/cpu_backend.h"
 #include "support/blobs.h"
+#include "support/reference.h"
 
 namespace ravu::test {
 namespace {
@@ -28,6 +32,26 @@ TEST(FlattenLayerSetup, TheOutputSharesTheInputsStorage) {
   rig.set_up();
   EXPECT_EQ(output.data, input.data);
   EXPECT_EQ(rig.run(), (std::vector<float>{1, 2, 3, 4}));
+}
+
+TEST(FlattenLayerForward, AgreesWithTheReferenceInEveryRunMode) {
+  std::mt19937 random(1);
+  for (unsigned i = 0; i < 300; ++i) {
+    const auto draw = [&](std::uint32_t most) {
+      return std::uniform_int_distribution<std::uint32_t>(1, most)(random);
+    };
+    const Dims dims{draw(4), draw(9), draw(9), draw(20)};
+    const auto values = random_values(std::size_t{dims[0]} * dims[1] * dims[2] * dims[3], i);
+    const auto expected = reference::flattened({dims.begin(), dims.end()});
+    FlattenLayer layer;
+    LayerRig rig(layer);
+    const auto shape = flatten_shape(rig.add_input(dims, values));
+    ASSERT_TRUE(shape);
+    EXPECT_TRUE(std::equal(expected.begin(), expected.end(), shape->dims.begin())) << "case " << i;
+    rig.add_output(shape->dims);
+    rig.set_up();
+    EXPECT_EQ(rig.run(i % 5), values) << "case " << i;
+  }
 }
 
 TEST(FlattenLayerReshape, OnlyTheCountFollowsTheInput) {

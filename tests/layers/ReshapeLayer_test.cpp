@@ -3,7 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <random>
+
 #include "support/blobs.h"
+#include "support/reference.h"
 
 namespace ravu::test {
 namespace {
@@ -52,6 +56,31 @@ TEST(ReshapeLayerSetup, TheOutputSharesTheInputsStorage) {
   rig.set_up();
   EXPECT_EQ(output.data, input.data);
   EXPECT_EQ(rig.run(), (std::vector<float>{1, 2, 3, 4}));
+}
+
+TEST(ReshapeLayerForward, AgreesWithTheReferenceInEveryRunMode) {
+  std::mt19937 random(1);
+  for (unsigned i = 0; i < 400; ++i) {
+    const auto draw = [&](int low, int high) {
+      return std::uniform_int_distribution<int>(low, high)(random);
+    };
+    Dims dims;
+    for (std::uint32_t& dim : dims) dim = static_cast<std::uint32_t>(draw(1, 12));
+    ReshapeLayer layer;
+    for (std::int32_t& wanted : layer.dims) wanted = draw(-1, 6);
+    layer.inferred_axis = draw(-1, 3);
+    LayerRig rig(layer);
+    const auto values = random_values(std::size_t{dims[0]} * dims[1] * dims[2] * dims[3], i);
+    const Blob& input = rig.add_input(dims, values);
+    const Shape shape = reshape_record_shape(layer, input);
+    const auto expected = reference::reshaped(
+        {dims.begin(), dims.end()}, {layer.dims.begin(), layer.dims.end()}, layer.inferred_axis);
+    EXPECT_TRUE(std::equal(expected.begin(), expected.end(), shape.dims.begin())) << "case " << i;
+    EXPECT_EQ(shape.count, values.size()) << "case " << i;
+    static_cast<Shape&>(rig.add_output({1, 1, 1, 1})) = shape;
+    rig.set_up();
+    EXPECT_EQ(rig.run(i % 5), values) << "case " << i;
+  }
 }
 
 TEST(ReshapeLayerReshape, ANewBatchGivesTheInputsWholeShape) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <ostream>
 #include <random>
 #include <string>
 
@@ -12,6 +13,11 @@
 #include "support/small_models.h"
 
 namespace ravu::test {
+
+void PrintTo(const SmallModel& model, std::ostream* out) {
+  *out << model.name;
+}
+
 namespace {
 
 class DamagedModel : public testing::TestWithParam<SmallModel> {

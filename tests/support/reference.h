@@ -110,6 +110,12 @@ std::vector<float> permute(const Image& image, const std::vector<std::size_t>& o
 std::vector<float> crop(const Image& image, std::size_t offset, std::size_t size,
                         const std::vector<float>& input);
 
+// Batch, height, width and channels of the output, where the values stay as they are. An entry of
+// `wanted` above 0 replaces a dimension; `inferred` is -1 or the one that takes the rest.
+using Sizes = std::vector<long>;
+Sizes flattened(const Sizes& input);
+Sizes reshaped(const Sizes& input, const Sizes& wanted, int inferred);
+
 // Each step over runs of the parameters' length, the last one cut at the end.
 std::vector<float> batch_norm(const std::vector<float>& input, const std::vector<float>& mean,
                               const std::vector<float>& divisor);

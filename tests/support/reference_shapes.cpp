@@ -50,4 +50,20 @@ std::vector<float> crop(const Image& image, std::size_t offset, std::size_t size
   return output;
 }
 
+Sizes flattened(const Sizes& input) {
+  return {input[0], 1, 1, input[1] * input[2] * input[3]};
+}
+
+Sizes reshaped(const Sizes& input, const Sizes& wanted, int inferred) {
+  Sizes output = input;
+  long replaced = 1;
+  for (std::size_t i = 0; i < 4; ++i) {
+    if (wanted[i] > 0) output[i] = wanted[i];
+    if (wanted[i] > 0) replaced *= wanted[i];
+  }
+  const long count = input[0] * input[1] * input[2] * input[3];
+  if (inferred >= 0) output[static_cast<std::size_t>(inferred)] = count / replaced;
+  return output;
+}
+
 }  // namespace ravu::test::reference
