@@ -46,15 +46,14 @@ ImageDetections detect(Network& network, const std::string& path, const Picture&
   if (output.data != nullptr) rows = {output.data, output.count};
   const Area seen = seen_area(picture, network, options.input.framing);
   return {path, picture.width, picture.height,
-          objects_of(rows, network.labels, seen, picture.width, picture.height,
-                     options.threshold)};
+          objects_of(rows, network.labels, seen, picture.width, picture.height, options.threshold)};
 }
 
 std::string text_of(const ImageDetections& result) {
   std::string text;
   for (const FoundObject& object : result.objects) {
-    text += printable(result.image) + '\t' + printable(object.label) + '\t' +
-            fixed(object.score, 6);
+    text +=
+        printable(result.image) + '\t' + printable(object.label) + '\t' + fixed(object.score, 6);
     for (const double side : {object.xmin, object.ymin, object.xmax, object.ymax}) {
       text += '\t' + fixed(side, 1);
     }
@@ -118,9 +117,8 @@ std::vector<FoundObject> objects_of(std::span<const float> rows, std::span<char*
     if (!(object.score >= threshold)) continue;
     if (object.xmin < object.xmax && object.ymin < object.ymax) objects.push_back(object);
   }
-  std::stable_sort(
-      objects.begin(), objects.end(),
-      [](const FoundObject& a, const FoundObject& b) { return a.score > b.score; });
+  std::stable_sort(objects.begin(), objects.end(),
+                   [](const FoundObject& a, const FoundObject& b) { return a.score > b.score; });
   return objects;
 }
 

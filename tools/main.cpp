@@ -100,7 +100,7 @@ void add_detect(CLI::App& app, DetectOptions& options) {
   command
       .add_option("--out", options.out,
                   "Also write a copy of each image with boxes and names into this folder, named "
-                  "after it (7.jpg gives 7.png, or 7-2.png where that is an image of this run)")
+                  "after it: 7.jpg gives 7.png, or 7-2.png if that is an input or another copy")
       ->option_text("FOLDER");
   command
       .add_option("--sheet", options.sheet,

@@ -104,8 +104,8 @@ std::vector<OutputDifference> compare_outputs(Network& original, Network& quanti
   }
   std::vector<OutputDifference> outputs;
   for (std::size_t i = 0; i < wanted.size(); ++i) {
-    outputs.push_back({wanted[i]->name, wanted[i]->count, differences[i].relative(),
-                       differences[i].greatest});
+    outputs.push_back(
+        {wanted[i]->name, wanted[i]->count, differences[i].relative(), differences[i].greatest});
   }
   return outputs;
 }
@@ -169,8 +169,8 @@ std::string complaint(const QuantiseReport& report) {
              rounded(tensor.error) + ')';
   }
   if (n > kNamedTensors) names += " and " + std::to_string(n - kNamedTensors) + " more";
-  return report.model + ": errors above " + rounded(report.max_error) + ", nothing is written:" +
-         names;
+  return report.model + ": errors above " + rounded(report.max_error) +
+         ", nothing is written:" + names;
 }
 
 }  // namespace
@@ -216,8 +216,7 @@ FileImage restore_root_keys(FileImage root, const Tag& original,
 bool run_quantise(const QuantiseOptions& options) {
   const FileImage image = load_file(options.model.c_str());
   if (!image) {
-    throw Failure(options.model +
-                  ": the file cannot be read, or is shorter than its header says");
+    throw Failure(options.model + ": the file cannot be read, or is shorter than its header says");
   }
   const Tag before = root_tag(image.get());
   const auto original = open_model(options.model, before);

@@ -51,8 +51,8 @@ class ProgramDetect : public ::testing::Test {
 
   const TemporaryFolder folder;
   const std::string model = folder.put("model.ravu", quarter_detector().bytes());
-  const std::string image = folder.put(
-      "image.png", encode_png(dots(2, 2, {{0, 0, kRedPixel}, {1, 1, kBluePixel}})));
+  const std::string image =
+      folder.put("image.png", encode_png(dots(2, 2, {{0, 0, kRedPixel}, {1, 1, kBluePixel}})));
   const std::string broken = folder.put("broken.jpg", {0xFF, 0xD8, 0xFF, 0});
 };
 
@@ -183,8 +183,7 @@ TEST_F(ProgramDetect, AClassifierIsRefused) {
 
 TEST_F(ProgramDetect, ADetectorWithoutRowsIsRefused) {
   for (const int keep_top_k : {0, -1}) {
-    const std::string none =
-        folder.put("none.ravu", quarter_detector_of_rows(keep_top_k).bytes());
+    const std::string none = folder.put("none.ravu", quarter_detector_of_rows(keep_top_k).bytes());
     expect_refused(run_ravu({"detect", none, image}),
                    none + ": the detection output has no rows: \"keep_top_k\" must be > 0");
   }
@@ -193,9 +192,8 @@ TEST_F(ProgramDetect, ADetectorWithoutRowsIsRefused) {
 TEST_F(ProgramDetect, AModelThatTakesNoPicturesIsRefused) {
   const std::string five = folder.put(
       "five.ravu", ModelBuilder(2, 5).add_layer(layer("max", {"data"}, {"prob"})).bytes());
-  expect_refused(
-      run_ravu({"detect", five, image}),
-      five + ": wants images of 5 channels; only 1 and 3 can be fed from image files");
+  expect_refused(run_ravu({"detect", five, image}),
+                 five + ": wants images of 5 channels; only 1 and 3 can be fed from image files");
   const std::string empty =
       folder.put("empty.ravu", ModelBuilder(2, 3).set("layers", list({})).bytes());
   expect_refused(run_ravu({"detect", empty, image}), empty + ": the network has no output");

@@ -169,10 +169,10 @@ TEST_F(ProgramQuantise, EachGroupOfAConvolutionHasItsTensors) {
     names.push_back(tensor["output"].get<std::string>() + ' ' +
                     tensor["tensor"].get<std::string>());
   }
-  EXPECT_EQ(names, (std::vector<std::string>{
-                       "conv1 kernels", "conv1 bias", "conv2 layers[0].kernels",
-                       "conv2 layers[0].bias", "conv2 layers[1].kernels", "conv2 layers[1].bias",
-                       "fc weight"}));
+  EXPECT_EQ(names,
+            (std::vector<std::string>{"conv1 kernels", "conv1 bias", "conv2 layers[0].kernels",
+                                      "conv2 layers[0].bias", "conv2 layers[1].kernels",
+                                      "conv2 layers[1].bias", "fc weight"}));
 }
 
 TEST_F(ProgramQuantise, TextHoldsTheSameFigures) {
@@ -190,7 +190,8 @@ TEST_F(ProgramQuantise, ADestroyedTensorIsNamedAndNothingIsWritten) {
   const Outcome outcome = run_ravu({"quantise", doomed, out});
   EXPECT_EQ(outcome.code, 1);
   ASSERT_THAT(lines_of(outcome.err), SizeIs(1));
-  EXPECT_THAT(outcome.err, HasSubstr("ravu: " + doomed + ": errors above 0.2, nothing is written:"));
+  EXPECT_THAT(outcome.err,
+              HasSubstr("ravu: " + doomed + ": errors above 0.2, nothing is written:"));
   EXPECT_THAT(outcome.err, HasSubstr(" scores bias (6.806e+38)"));
   EXPECT_THAT(outcome.out, HasSubstr("6.806e+38  above 0.2"));
   EXPECT_THAT(outcome.out, HasSubstr("(not written)"));
@@ -268,9 +269,9 @@ TEST_F(ProgramQuantise, RootKeysThatTheWriterDropsSurvive) {
 
 TEST_F(ProgramQuantise, AModelWithoutCropGetsNone) {
   // With a crop the layer would have too few features, and the new file would not load.
-  const std::string model = folder.put(
-      "model.ravu",
-      sound_model().set("image_size", integer(1)).set("need_crop", integer(0)).bytes());
+  const std::string model =
+      folder.put("model.ravu",
+                 sound_model().set("image_size", integer(1)).set("need_crop", integer(0)).bytes());
   EXPECT_EQ(quantise(model)["written"], true);
 }
 
@@ -324,8 +325,8 @@ TEST_F(ProgramQuantise, AModelThatDoesNotLoadIsOneLineAndNothingIsWritten) {
 }
 
 TEST_F(ProgramQuantise, AFileThatCannotBeWrittenIsOneLine) {
-  for (const std::string& path : {std::string("/no/such/folder/m"), std::string("/dev/full"),
-                                  folder.file("")}) {
+  for (const std::string& path :
+       {std::string("/no/such/folder/m"), std::string("/dev/full"), folder.file("")}) {
     const Outcome outcome = run_ravu({"quantise", sound, path});
     EXPECT_EQ(outcome.code, 1);
     EXPECT_THAT(outcome.out, IsEmpty());
@@ -335,8 +336,8 @@ TEST_F(ProgramQuantise, AFileThatCannotBeWrittenIsOneLine) {
 
 TEST(DemoModels, StayWithinTheDefaultLimit) {
   const TemporaryFolder folder;
-  for (const fs::path& model :
-       {fs::path(RAVU_DEMO_FOLDER) / "characters.ravu", fs::path(RAVU_SIGNS_FOLDER) / "signs.ravu"}) {
+  for (const fs::path& model : {fs::path(RAVU_DEMO_FOLDER) / "characters.ravu",
+                                fs::path(RAVU_SIGNS_FOLDER) / "signs.ravu"}) {
     const Outcome outcome =
         run_ravu({"quantise", model.string(), folder.file("out.ravu"), "--json"});
     EXPECT_EQ(outcome.code, 0) << outcome.err;

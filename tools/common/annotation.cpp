@@ -45,10 +45,14 @@ PixelBox place_patch(const Picture& picture, const PixelBox& box, std::int64_t w
   };
   const std::int64_t right = box.right - width;
   const PixelBox places[] = {
-      at(box.left, box.top - height),    at(right, box.top - height),
-      at(box.left, box.bottom),          at(right, box.bottom),
-      at(box.left, box.top),             at(right, box.top),
-      at(box.left, box.bottom - height), at(right, box.bottom - height),
+      at(box.left, box.top - height),
+      at(right, box.top - height),
+      at(box.left, box.bottom),
+      at(right, box.bottom),
+      at(box.left, box.top),
+      at(right, box.top),
+      at(box.left, box.bottom - height),
+      at(right, box.bottom - height),
   };
   for (const PixelBox& place : places) {
     if (place.top < 0 || place.bottom > picture.height) continue;
