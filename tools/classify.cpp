@@ -3,38 +3,20 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <numeric>
 
 #include "common/contact_sheet.h"
 #include "common/failure.h"
 #include "common/image_file.h"
+#include "common/input_files.h"
 #include "common/model.h"
 #include "common/printing.h"
 #include "json.h"
-#include "layers/DetectionOutputLayer.h"
 
 namespace ravu::tools {
 namespace {
 
-constexpr float kMidGrey = 128.0F;
-
-// The picture as the network wants it: its size, its channels, their order.
-std::vector<float> prepare(const Picture& picture, const Shape& input,
-                           const ClassifyOptions& options) {
-  std::vector<float> rgb = frame(picture, input.dims[2], input.dims[1], options.framing, kMidGrey);
-  if (input.dims[3] == 1) {
-    const std::size_t n = rgb.size() / 3;
-    for (std::size_t i = 0; i < n; ++i) {
-      // Luma as in ITU-R BT.601.
-      rgb[i] = 0.299F * rgb[3 * i] + 0.587F * rgb[3 * i + 1] + 0.114F * rgb[3 * i + 2];
-    }
-    rgb.resize(n);
-  } else if (options.bgr) {
-    for (std::size_t i = 0; i < rgb.size(); i += 3) std::swap(rgb[i], rgb[i + 2]);
-  }
-  return rgb;
-}
+constexpr std::uint32_t kTileSide = 216;  // of the sheet's pictures
 
 // The scores of the first, and only, image of the batch.
 std::span<const float> scores_of(const Network& network) {
@@ -44,15 +26,9 @@ std::span<const float> scores_of(const Network& network) {
 }
 
 void check_classifier(const Network& network, const ClassifyOptions& options) {
-  if (network.outputs.empty()) throw Failure(options.model + ": the network has no output");
-  if (dynamic_cast<const DetectionOutputLayer*>(network.layers.back().get()) != nullptr) {
+  check_takes_pictures(network, options.model);
+  if (is_detector(network)) {
     throw Failure(options.model + ": is a detector; its boxes are no scores of classes");
-  }
-  const auto& dims = network.input->dims;
-  if (dims[1] == 0 || dims[2] == 0) throw Failure(options.model + ": the input has no pixels");
-  if (dims[3] != 1 && dims[3] != 3) {
-    throw Failure(options.model + ": wants images of " + std::to_string(dims[3]) +
-                  " channels; only 1 and 3 can be fed from image files");
   }
 }
 
@@ -67,7 +43,7 @@ std::string text_of(const Classification& result) {
 }
 
 Tile make_tile(const Picture& picture, const Classification& result) {
-  Tile tile{make_thumbnail(picture), "", ""};
+  Tile tile{make_thumbnail(picture, kTileSide), "", ""};
   if (!result.predictions.empty()) {
     tile.title = result.predictions.front().label;
     tile.subtitle = fixed(result.predictions.front().score, 4);
@@ -77,7 +53,7 @@ Tile make_tile(const Picture& picture, const Classification& result) {
 
 Classification classify(Network& network, const std::string& path, const Picture& picture,
                         const ClassifyOptions& options) {
-  feed(network, prepare(picture, *network.input, options));
+  feed(network, to_input(picture, *network.input, options.input));
   run(network, options.mode);
   return {path, best_predictions(scores_of(network), network.labels, options.top)};
 }
@@ -99,13 +75,13 @@ std::vector<Prediction> best_predictions(std::span<const float> scores,
   std::partial_sort(order.begin(), order.begin() + n, order.end(), better);
   std::vector<Prediction> best;
   for (auto index = order.begin(); index != order.begin() + n; ++index) {
-    const bool named = *index < labels.size() && labels[*index][0] != '\0';
-    best.push_back({named ? labels[*index] : std::to_string(*index), *index, scores[*index]});
+    best.push_back({label_of(labels, *index), *index, scores[*index]});
   }
   return best;
 }
 
 bool run_classify(const ClassifyOptions& options) {
+  InputFiles(options.images, options.model).check_output(options.sheet);
   set_threads(options.threads);
   const auto network = open_model(options.model, options.channel_mean, /*batch=*/1);
   check_classifier(*network, options);
@@ -115,17 +91,14 @@ bool run_classify(const ClassifyOptions& options) {
   std::vector<Classification> results;
   std::vector<Tile> tiles;
   for (const std::string& path : options.images) {
-    Picture picture;
-    try {
-      picture = read_picture(path);
-    } catch (const Failure& failure) {
-      std::fprintf(stderr, "ravu: %s: %s\n", path.c_str(), failure.what());
+    const auto picture = read_or_report(path);
+    if (!picture) {
       all_read = false;
       continue;
     }
-    const Classification result = classify(*network, path, picture, options);
+    const Classification result = classify(*network, path, *picture, options);
     if (!options.sheet.empty() && tiles.size() < kMaxTiles) {
-      tiles.push_back(make_tile(picture, result));
+      tiles.push_back(make_tile(*picture, result));
     }
     if (options.json) {
       results.push_back(result);
@@ -134,7 +107,7 @@ bool run_classify(const ClassifyOptions& options) {
     }
   }
   if (options.json) print(to_json(results));
-  if (!options.sheet.empty()) write_png(options.sheet, draw_contact_sheet(tiles));
+  if (!options.sheet.empty()) write_png(options.sheet, draw_contact_sheet(tiles, kTileSide));
   return all_read;
 }
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "common/resize.h"
+#include "common/picture_input.h"
 
 namespace ravu::tools {
 
@@ -14,8 +14,7 @@ struct ClassifyOptions {
   std::string model;
   std::vector<std::string> images;
   std::uint32_t top = 5;
-  Framing framing = Framing::kSquash;
-  bool bgr = false;
+  PictureInput input;
   bool channel_mean = false;
   std::uint32_t mode = 0;
   std::uint32_t threads = 0;  // 0: the BLAS library's own default

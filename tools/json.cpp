@@ -59,6 +59,24 @@ std::string to_json(const std::vector<Classification>& results) {
   return text_of(array);
 }
 
+std::string to_json(const std::vector<ImageDetections>& results) {
+  Json array = Json::array();
+  for (const ImageDetections& result : results) {
+    Json detections = Json::array();
+    for (const FoundObject& object : result.objects) {
+      detections.push_back({{"label", object.label},
+                            {"index", object.index},
+                            {"score", object.score},
+                            {"box", {object.xmin, object.ymin, object.xmax, object.ymax}}});
+    }
+    array.push_back({{"image", result.image},
+                     {"width", result.width},
+                     {"height", result.height},
+                     {"detections", std::move(detections)}});
+  }
+  return text_of(array);
+}
+
 std::string to_json(const ModelSummary& summary) {
   Json layers = Json::array();
   for (const LayerLine& layer : summary.layers) {
@@ -110,6 +128,38 @@ std::string to_json(const BenchReport& report) {
     json["layers"] = std::move(layers);
   }
   return text_of(json);
+}
+
+std::string to_json(const QuantiseReport& report) {
+  Json tensors = Json::array();
+  for (const TensorError& tensor : report.tensors) {
+    tensors.push_back({{"layer", tensor.layer},
+                       {"class", tensor.class_name},
+                       {"output", tensor.output},
+                       {"tensor", tensor.tensor},
+                       {"values", tensor.values},
+                       {"relative_error", tensor.error},
+                       {"accepted", tensor.accepted}});
+  }
+  Json outputs = Json::array();
+  for (const OutputDifference& output : report.outputs) {
+    outputs.push_back({{"name", output.name},
+                       {"values", output.values},
+                       {"relative_difference", output.relative},
+                       {"greatest_difference", output.greatest}});
+  }
+  return text_of({{"model", report.model},
+                  {"output", report.output},
+                  {"written", report.written},
+                  {"max_error", report.max_error},
+                  {"was_quantised", report.was_quantised},
+                  {"tensors", std::move(tensors)},
+                  {"seeded_inputs", kSeededInputs},
+                  {"outputs", std::move(outputs)},
+                  {"restored_keys", report.restored_keys},
+                  {"dropped_records", report.dropped_records},
+                  {"bytes_before", report.bytes_before},
+                  {"bytes_after", report.bytes_after}});
 }
 
 }  // namespace ravu::tools

@@ -7,13 +7,17 @@
 
 #include "bench.h"
 #include "classify.h"
+#include "detect.h"
 #include "inspect.h"
+#include "quantise.h"
 
 namespace ravu::tools {
 
 std::string to_json(const std::vector<Classification>& results);
+std::string to_json(const std::vector<ImageDetections>& results);
 std::string to_json(const ModelSummary& summary);
 std::string to_json(const TagNode& root);
 std::string to_json(const BenchReport& report);
+std::string to_json(const QuantiseReport& report);
 
 }  // namespace ravu::tools

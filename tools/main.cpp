@@ -1,8 +1,10 @@
 // ravu: the engine from the command line.
 //
 //   ravu classify MODEL IMAGE...   names what images show
+//   ravu detect MODEL IMAGE...     finds objects in images
 //   ravu inspect MODEL             shows what a model file holds
 //   ravu bench MODEL               measures how fast a model runs
+//   ravu quantise MODEL OUT        stores a model's large tensors in 8 bits
 //
 // Results go to standard output, everything else to standard error. The exit code is 0, 1 when
 // something could not be done, or 2 when the command line is wrong. This is the only file that
@@ -15,7 +17,9 @@
 
 #include "bench.h"
 #include "classify.h"
+#include "detect.h"
 #include "inspect.h"
+#include "quantise.h"
 
 namespace {
 
@@ -44,6 +48,24 @@ void add_mode_and_threads(CLI::App& command, std::uint32_t& mode, std::uint32_t&
       ->check(CLI::Range(1U, kMostThreads));
 }
 
+// What the subcommands for image files share.
+void add_pictures(CLI::App& command, std::vector<std::string>& images, PictureInput& input,
+                  bool& channel_mean) {
+  command.add_option("IMAGE", images, "JPEG or PNG files; they run one after another")->required();
+  const std::map<std::string, Framing> framings{
+      {"squash", Framing::kSquash}, {"crop", Framing::kCrop}, {"letterbox", Framing::kLetterbox}};
+  command
+      .add_option(
+          "--fit", input.framing,
+          "How an image fills the network's input: squash it, crop its centre, or letterbox "
+          "it with grey borders (default: squash)")
+      ->transform(CLI::CheckedTransformer(framings))
+      ->option_text("squash|crop|letterbox");
+  command.add_flag("--bgr", input.bgr, "Feed the channels in the order blue, green, red");
+  command.add_flag("--channel-mean", channel_mean,
+                   "Replace the model's mean image by its average per channel");
+}
+
 void add_json(CLI::App& command, bool& json) {
   command.add_flag("--json", json, "Print one JSON value instead of text");
 }
@@ -51,23 +73,10 @@ void add_json(CLI::App& command, bool& json) {
 void add_classify(CLI::App& app, ClassifyOptions& options) {
   CLI::App& command = *app.add_subcommand("classify", "Name what images show");
   add_model(command, options.model);
-  command.add_option("IMAGE", options.images, "JPEG or PNG files; they run one after another")
-      ->required();
+  add_pictures(command, options.images, options.input, options.channel_mean);
   command.add_option("--top", options.top, "How many labels to print for each image")
       ->check(CLI::PositiveNumber)
       ->capture_default_str();
-  const std::map<std::string, Framing> framings{
-      {"squash", Framing::kSquash}, {"crop", Framing::kCrop}, {"letterbox", Framing::kLetterbox}};
-  command
-      .add_option(
-          "--fit", options.framing,
-          "How an image fills the network's input: squash it, crop its centre, or letterbox "
-          "it with grey borders (default: squash)")
-      ->transform(CLI::CheckedTransformer(framings))
-      ->option_text("squash|crop|letterbox");
-  command.add_flag("--bgr", options.bgr, "Feed the channels in the order blue, green, red");
-  command.add_flag("--channel-mean", options.channel_mean,
-                   "Replace the model's mean image by its average per channel");
   add_mode_and_threads(command, options.mode, options.threads);
   add_json(command, options.json);
   command
@@ -77,6 +86,30 @@ void add_classify(CLI::App& app, ClassifyOptions& options) {
   command.footer(
       "Prints one line per label: image, rank, score and label, separated by tabs.\n"
       "An image that cannot be read gets a line on standard error, the others go on.");
+}
+
+void add_detect(CLI::App& app, DetectOptions& options) {
+  CLI::App& command = *app.add_subcommand("detect", "Find objects in images");
+  add_model(command, options.model);
+  add_pictures(command, options.images, options.input, options.channel_mean);
+  command.add_option("--threshold", options.threshold, "Least score of what is reported, 0 to 1")
+      ->check(CLI::Range(0.0F, 1.0F))
+      ->capture_default_str();
+  add_mode_and_threads(command, options.mode, options.threads);
+  add_json(command, options.json);
+  command
+      .add_option("--out", options.out,
+                  "Also write a copy of each image with boxes and names into this folder, named "
+                  "after it: 7.jpg gives 7.png, or 7-2.png if that is an input or another copy")
+      ->option_text("FOLDER");
+  command
+      .add_option("--sheet", options.sheet,
+                  "Also draw the images (at most 500) with boxes and names onto one page")
+      ->option_text("FILE.png");
+  command.footer(
+      "Prints one line per object, best first: image, label, score, and the box as left, top,\n"
+      "right and bottom in pixels of the image, separated by tabs. What lies outside the image is\n"
+      "cut off. An image that cannot be read gets a line on standard error, the others go on.");
 }
 
 void add_inspect(CLI::App& app, InspectOptions& options) {
@@ -115,19 +148,44 @@ void add_bench(CLI::App& app, BenchOptions& options) {
       "fully connected layers. The input holds seeded values.");
 }
 
+void add_quantise(CLI::App& app, QuantiseOptions& options) {
+  CLI::App& command = *app.add_subcommand("quantise", "Store a model's large tensors in 8 bits");
+  add_model(command, options.model);
+  command
+      .add_option("OUT", options.output,
+                  "The new model file; MODEL itself, or another existing file, is replaced once "
+                  "the new one is complete")
+      ->required();
+  command
+      .add_option("--max-error", options.max_error,
+                  "Greatest relative error that a tensor may get from being stored in 8 bits")
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str();
+  add_json(command, options.json);
+  command.footer(
+      "Weights and biases of convolutions and fully connected layers are stored in 8 bits, the\n"
+      "rest as it is. Prints each tensor's error (the length of the difference divided by the\n"
+      "length of the original) and how much the outputs of both models differ on seeded inputs.\n"
+      "If an error is above the limit nothing is written and the exit code is 1.");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app("Run, inspect and measure neural networks");
+  CLI::App app("Run, inspect, measure and shrink neural networks");
   app.name("ravu");
   app.set_version_flag("--version", "ravu " RAVU_VERSION);
   app.require_subcommand(1);
   ClassifyOptions classify;
+  DetectOptions detect;
   InspectOptions inspect;
   BenchOptions bench;
+  QuantiseOptions quantise;
   add_classify(app, classify);
+  add_detect(app, detect);
   add_inspect(app, inspect);
   add_bench(app, bench);
+  add_quantise(app, quantise);
   try {
     app.parse(argc, argv);
     if (bench.layers && bench.mode != 0 && bench.mode != 3) {
@@ -138,8 +196,10 @@ int main(int argc, char** argv) {
   }
   try {
     if (app.got_subcommand("classify")) return run_classify(classify) ? 0 : kFailed;
+    if (app.got_subcommand("detect")) return run_detect(detect) ? 0 : kFailed;
     if (app.got_subcommand("inspect")) run_inspect(inspect);
     if (app.got_subcommand("bench")) run_bench(bench);
+    if (app.got_subcommand("quantise")) return run_quantise(quantise) ? 0 : kFailed;
   } catch (const std::bad_alloc&) {
     std::fputs("ravu: out of memory\n", stderr);
     return kFailed;

@@ -42,7 +42,8 @@ def main() -> None:
 
 def detect(ravu: str, model: Path, paths: list[Path]) -> list[list[Detection]]:
     """What the program finds in each picture, boxes in pixels. Exits when the program fails."""
-    command = [ravu, "detect", str(model), *map(str, paths), "--json"]
+    # Every score counts: precision is measured over all thresholds.
+    command = [ravu, "detect", str(model), *map(str, paths), "--json", "--threshold", "0"]
     result = subprocess.run(command, stdout=subprocess.PIPE, text=True, check=False)
     if result.returncode:
         raise SystemExit(f"{ravu} detect failed with status {result.returncode}")

@@ -154,8 +154,8 @@ import numpy as np
 from PIL import Image
 from reference import Model, detect
 from series import as_input
-command, model, *images, form = sys.argv[1:]
-assert (command, form) == ("detect", "--json")
+command, model, *images, form, option, threshold = sys.argv[1:]
+assert (command, form, option, threshold) == ("detect", "--json", "--threshold", "0")
 model, result = Model.read(model), []
 for path in reversed(images):
     picture = Image.open(path)

@@ -2,9 +2,7 @@
 #include "model/network_writer.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <memory>
 #include <new>
 #include <random>
 #include <string>
@@ -18,11 +16,6 @@ namespace ravu {
 namespace {
 
 namespace fs = std::filesystem;
-
-struct FreeElement {
-  void operator()(std::uint8_t* element) const { std::free(element); }
-};
-using ElementPtr = std::unique_ptr<std::uint8_t, FreeElement>;
 
 std::uint8_t* write_names(const std::vector<Blob*>& blobs) {
   std::uint8_t* names = make_list();
@@ -105,15 +98,21 @@ std::uint8_t* write_network(const Network& network, bool quantise) {
   return add(root, "input_channel_num", to_int(network.input_channels));
 }
 
+bool write_model_file(const std::uint8_t* root, const char* path) {
+  try {
+    return replace_file(path, root);
+  } catch (const fs::filesystem_error&) {
+    return false;
+  }
+}
+
 bool save_network(const Network& network, const char* path, bool quantise) {
   bool saved = false;
   if (path != nullptr) {
     try {
-      const ElementPtr image(write_network(network, quantise));
-      saved = image && replace_file(path, image.get());
+      const FileImage image(write_network(network, quantise));
+      saved = image && write_model_file(image.get(), path);
     } catch (const std::bad_alloc&) {
-      saved = false;
-    } catch (const fs::filesystem_error&) {
       saved = false;
     }
   }

@@ -12,6 +12,10 @@ namespace ravu {
 // prints "Fail to save graph to %s\n" to standard error and answers false.
 bool save_network(const Network& network, const char* path, bool quantise);
 
+// Writes a finished root element to `path` in the same way, but prints nothing: false on failure.
+// Throws std::bad_alloc.
+bool write_model_file(const std::uint8_t* root, const char* path);
+
 // The model file's bytes (see tag_writer.h); null when memory does not suffice or a tensor that
 // must be written has been released.
 std::uint8_t* write_network(const Network& network, bool quantise);

@@ -4,8 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "model/tag_reader.h"
-
 namespace ravu {
 namespace {
 
@@ -23,18 +21,17 @@ void set_payload_bytes(std::uint8_t* element, std::size_t length) {
 }
 
 // An element with `length` zeroed payload bytes, the first `given` of them copied.
-std::uint8_t* make(TagType type, const void* payload, std::size_t given, std::size_t length) {
+std::uint8_t* make(std::uint32_t type, const void* payload, std::size_t given, std::size_t length) {
   if (length > kMaxPayload) return nullptr;
   auto* element = static_cast<std::uint8_t*>(std::calloc(1, kTagHeaderBytes + length));
   if (element == nullptr) return nullptr;
-  const std::uint32_t code = type;
-  std::memcpy(element, &code, sizeof code);
+  std::memcpy(element, &type, sizeof type);
   set_payload_bytes(element, length);
   if (given > 0) std::memcpy(element + kTagHeaderBytes, payload, given);
   return element;
 }
 
-std::uint8_t* make(TagType type, const void* payload, std::size_t length) {
+std::uint8_t* make(std::uint32_t type, const void* payload, std::size_t length) {
   return make(type, payload, length, length);
 }
 
@@ -73,6 +70,10 @@ std::uint8_t* make_floats(std::span<const float> values) {
 
 std::uint8_t* make_bytes(std::span<const std::uint8_t> bytes) {
   return make(kTagText, bytes.data(), bytes.size());
+}
+
+std::uint8_t* make_copy(const Tag& tag) {
+  return make(tag.type, tag.payload, tag.length);
 }
 
 std::uint8_t* make_small_floats(std::span<const float> values) {

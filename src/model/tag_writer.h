@@ -9,6 +9,8 @@
 #include <span>
 #include <string_view>
 
+#include "model/tag_reader.h"
+
 namespace ravu {
 
 std::uint8_t* make_dictionary();
@@ -18,6 +20,9 @@ std::uint8_t* make_int(std::int32_t value);
 std::uint8_t* make_float(float value);
 std::uint8_t* make_floats(std::span<const float> values);
 std::uint8_t* make_bytes(std::span<const std::uint8_t> bytes);
+
+// The same element again, with its type and payload as they are.
+std::uint8_t* make_copy(const Tag& tag);
 
 // A dictionary element around one element without a key: floats, or four integers.
 std::uint8_t* make_small_floats(std::span<const float> values);

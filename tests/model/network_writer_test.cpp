@@ -346,6 +346,18 @@ TEST_F(SaveNetwork, ReplacesAnExistingFileAndKeepsItsMode) {
   EXPECT_EQ(files_in_folder(), 1U);
 }
 
+TEST_F(SaveNetwork, AFinishedRootIsWrittenWithoutAMessage) {
+  const Bytes root = Dictionary().add("card", "somebody's");
+  const std::string path = (folder_ / "root.ravu").string();
+  const std::string nowhere = (folder_ / "missing" / "root.ravu").string();
+  testing::internal::CaptureStderr();
+  EXPECT_TRUE(write_model_file(root.data(), path.c_str()));
+  EXPECT_FALSE(write_model_file(root.data(), nowhere.c_str()));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(contents(path), root);
+  EXPECT_EQ(files_in_folder(), 1U);
+}
+
 TEST_F(SaveNetwork, FollowsALink) {
   const fs::path target = folder_ / "target.ravu";
   const fs::path link = folder_ / "link.ravu";

@@ -40,6 +40,12 @@ TEST(TagWriter, ScalarsAndArrays) {
   EXPECT_EQ(taken(make_bytes(Bytes{1, 2, 3})), (Bytes{0, 0, 0, 0, 3, 0, 0, 0, 1, 2, 3}));
 }
 
+TEST(TagWriter, ACopyHasTheTypeAndThePayloadOfTheOriginal) {
+  for (const Bytes& original : {text("card"), small_ints({1, 2, 3, 4}), element(9, {1, 2, 3})}) {
+    EXPECT_EQ(taken(make_copy(root_tag(original.data(), original.size()))), original);
+  }
+}
+
 TEST(TagWriter, SmallArraysAreDictionariesAroundOneChildWithoutAKey) {
   EXPECT_EQ(taken(make_small_floats(std::vector<float>{1, 2, 3})), small_floats({1, 2, 3}));
   EXPECT_EQ(taken(make_small_ints(std::vector<std::int32_t>{0, 3, 1, 2})),

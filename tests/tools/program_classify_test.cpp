@@ -203,6 +203,14 @@ TEST_F(ProgramClassify, ASheetThatCannotBeWrittenIsOneLine) {
             "ravu: cannot write /no/such/folder/sheet.png: No such file or directory\n");
 }
 
+TEST_F(ProgramClassify, ASheetThatWouldReplaceAnInputIsRefused) {
+  const Outcome outcome = run_ravu({"classify", model.path(), red.path(), "--sheet", red.path()});
+  EXPECT_EQ(outcome.code, 1);
+  EXPECT_EQ(outcome.err,
+            "ravu: " + std::string(red.path()) + ": is an input; it is not overwritten\n");
+  EXPECT_EQ(run_ravu({"classify", model.path(), red.path()}).code, 0);
+}
+
 TEST_F(ProgramClassify, ThreadsDoNotChangeTheScores) {
   EXPECT_EQ(run_ravu({"classify", model.path(), red.path(), "--threads", "2"}).out,
             run_ravu({"classify", model.path(), red.path(), "--threads", "1"}).out);

@@ -23,7 +23,10 @@ void expect_failure(const Outcome& outcome, const std::string& line) {
 TEST(Program, HelpGoesToStandardOutput) {
   const Outcome outcome = run_ravu({"--help"});
   EXPECT_EQ(outcome.code, 0);
-  EXPECT_THAT(outcome.out, HasSubstr("classify"));
+  for (const char* name : {"classify", "detect", "inspect", "bench", "quantise"}) {
+    EXPECT_THAT(outcome.out, HasSubstr(name));
+    EXPECT_EQ(run_ravu({name, "--help"}).code, 0);
+  }
   EXPECT_THAT(outcome.err, IsEmpty());
 }
 
@@ -38,6 +41,13 @@ TEST(Program, MisuseEndsWithTwoAndAMessage) {
                                                       {"classify", "m", "i", "--threads", "0"},
                                                       {"classify", "m", "i", "--top", "0"},
                                                       {"classify", "m", "i", "--fit", "stretch"},
+                                                      {"detect", "m"},
+                                                      {"detect", "m", "i", "--threshold", "1.5"},
+                                                      {"detect", "m", "i", "--threshold", "x"},
+                                                      {"detect", "m", "i", "--mode", "1"},
+                                                      {"quantise", "m"},
+                                                      {"quantise", "m", "o", "more"},
+                                                      {"quantise", "m", "o", "--max-error", "-1"},
                                                       {"bench", "m", "--repeats", "0"},
                                                       {"bench", "m", "--batch", "-1"},
                                                       {"bench", "m", "--layers", "--mode", "2"}};
@@ -56,6 +66,8 @@ TEST(Program, AMissingModelIsOneLine) {
   expect_failure(run_ravu({"inspect", "/no/model", "--tags"}), reason);
   expect_failure(run_ravu({"bench", "/no/model"}), reason);
   expect_failure(run_ravu({"classify", "/no/model", "image"}), reason);
+  expect_failure(run_ravu({"detect", "/no/model", "image"}), reason);
+  expect_failure(run_ravu({"quantise", "/no/model", "/no/output"}), reason);
 }
 
 TEST(Program, AModelThatDoesNotLoadIsOneLineWithItsReason) {

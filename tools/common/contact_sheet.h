@@ -17,10 +17,11 @@ struct Tile {
   std::string subtitle;
 };
 
-// The picture in its proportions on a white square, ready for a tile.
-Picture make_thumbnail(const Picture& picture);
+// The picture in its proportions on a white square of `side` pixels, ready for a tile.
+Picture make_thumbnail(const Picture& picture, std::uint32_t side);
 
-// Lays the tiles out in rows, at most eight to a row. Text that is too long ends in "...".
-Picture draw_contact_sheet(const std::vector<Tile>& tiles);
+// Lays the tiles out in rows, at most eight to a row; the pictures' side is the same in all. Text
+// that is too long ends in "...". `side` is at least 100 pixels.
+Picture draw_contact_sheet(const std::vector<Tile>& tiles, std::uint32_t side);
 
 }  // namespace ravu::tools

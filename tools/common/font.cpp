@@ -1,7 +1,6 @@
 // The glyphs were drawn for this program: five pixels wide, seven high, one pixel between letters.
 #include "common/font.h"
 
-#include <algorithm>
 #include <array>
 #include <iterator>
 
@@ -113,15 +112,6 @@ constexpr Glyph kGlyphs[] = {
 };
 static_assert(std::size(kGlyphs) == kLast - kFirst + 1);
 
-void fill_square(Picture& picture, std::uint32_t x, std::uint32_t y, std::uint32_t side) {
-  for (std::uint32_t row = y; row < std::min(y + side, picture.height); ++row) {
-    for (std::uint32_t column = x; column < std::min(x + side, picture.width); ++column) {
-      std::uint8_t* pixel = &picture.rgb[(std::size_t{row} * picture.width + column) * 3];
-      std::fill_n(pixel, 3, std::uint8_t{0});
-    }
-  }
-}
-
 bool continues_a_character(char c) {
   return (static_cast<unsigned char>(c) & 0xC0U) == 0x80U;
 }
@@ -142,14 +132,16 @@ std::uint32_t text_width(std::string_view text, std::uint32_t scale) {
   return n == 0 ? 0 : (n * (kGlyphWidth + 1) - 1) * scale;
 }
 
-void draw_text(Picture& picture, std::uint32_t x, std::uint32_t y, std::uint32_t scale,
+void draw_text(Picture& picture, std::int64_t x, std::int64_t y, std::uint32_t scale, Colour colour,
                std::string_view text) {
   for (const char c : drawable(text)) {
     const Glyph& glyph = kGlyphs[c - kFirst];
     for (std::uint32_t row = 0; row < kGlyphHeight; ++row) {
       for (std::uint32_t column = 0; column < kGlyphWidth; ++column) {
         if ((glyph[row] >> (kGlyphWidth - 1 - column) & 1) == 0) continue;
-        fill_square(picture, x + column * scale, y + row * scale, scale);
+        const std::int64_t left = x + column * scale;
+        const std::int64_t top = y + row * scale;
+        fill_box(picture, {left, top, left + scale, top + scale}, colour);
       }
     }
     x += (kGlyphWidth + 1) * scale;

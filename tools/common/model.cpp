@@ -4,6 +4,7 @@
 #include <cblas.h>
 
 #include <cstdio>
+#include <random>
 #include <stdexcept>
 
 #ifdef _WIN32
@@ -15,6 +16,7 @@
 #include "api/handle.h"
 #include "common/failure.h"
 #include "layers/ConvLayer.h"
+#include "layers/DetectionOutputLayer.h"
 #include "layers/FullyConnectLayer.h"
 #include "model/network_reader.h"
 
@@ -65,6 +67,11 @@ bool needs_fixed_point(const Network& network) {
   return false;
 }
 
+std::unique_ptr<Network> loaded(LoadResult result, const std::string& path) {
+  if (!result.network) throw Failure(path + ": " + result.reason);
+  return std::move(result.network);
+}
+
 }  // namespace
 
 std::unique_ptr<Network> open_model(const std::string& path, bool channel_mean,
@@ -73,9 +80,23 @@ std::unique_ptr<Network> open_model(const std::string& path, bool channel_mean,
   options.channel_mean = channel_mean;
   options.batch = batch;
   const OutputToStderr notices;
-  LoadResult result = open_network(path.c_str(), options);
-  if (!result.network) throw Failure(path + ": " + result.reason);
-  return std::move(result.network);
+  return loaded(open_network(path.c_str(), options), path);
+}
+
+std::unique_ptr<Network> open_model(const std::string& path, const Tag& root) {
+  const OutputToStderr notices;
+  return loaded(read_network(root, {}), path);
+}
+
+bool is_detector(const Network& network) {
+  if (network.layers.empty()) return false;
+  const BaseLayer& last = *network.layers.back();
+  return dynamic_cast<const DetectionOutputLayer*>(&last) != nullptr && !last.outputs.empty();
+}
+
+std::string label_of(std::span<char* const> labels, std::uint32_t index) {
+  const bool named = index < labels.size() && labels[index][0] != '\0';
+  return named ? labels[index] : std::to_string(index);
 }
 
 void set_threads(std::uint32_t threads) {
@@ -98,6 +119,13 @@ void set_up(Network& network, std::uint32_t mode) {
     throw Failure(name + ": " + error.what());
   }
   if (!prepared) throw Failure(name + " cannot be set up: not provided, or out of memory");
+}
+
+std::vector<float> seeded_pixels(std::size_t n, unsigned seed) {
+  std::mt19937 generator(seed);
+  std::vector<float> values(n);
+  for (float& value : values) value = static_cast<float>(generator() & 0xFFU);
+  return values;
 }
 
 void feed(Network& network, const std::vector<float>& values) {

@@ -25,6 +25,12 @@ std::string fixed(double value, int digits) {
   return text;
 }
 
+std::string rounded(double value) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.4g", value);
+  return text;
+}
+
 std::string dims_text(const std::array<std::uint32_t, 4>& dims) {
   std::string text;
   for (const std::uint32_t dim : dims) text += (text.empty() ? "" : "x") + std::to_string(dim);

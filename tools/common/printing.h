@@ -16,6 +16,9 @@ std::string printable(std::string_view text);
 // A number in fixed notation with this many digits behind the point.
 std::string fixed(double value, int digits);
 
+// A number in four significant digits, with an exponent where it is very large or very small.
+std::string rounded(double value);
+
 // "1x224x224x3"
 std::string dims_text(const std::array<std::uint32_t, 4>& dims);
 

@@ -66,8 +66,8 @@ Region centred_part(const Picture& picture, std::uint32_t width, std::uint32_t h
   return {(picture.width - w) / 2, (picture.height - h) / 2, w, h};
 }
 
-std::vector<float> letterbox(const Picture& picture, std::uint32_t width, std::uint32_t height,
-                             float fill) {
+// The part of a frame that a letterboxed picture fills.
+Region letterbox_part(const Picture& picture, std::uint32_t width, std::uint32_t height) {
   const double scale = std::min(static_cast<double>(width) / picture.width,
                                 static_cast<double>(height) / picture.height);
   const auto side = [&](std::uint32_t from, std::uint32_t limit) {
@@ -76,13 +76,18 @@ std::vector<float> letterbox(const Picture& picture, std::uint32_t width, std::u
   };
   const std::uint32_t w = side(picture.width, width);
   const std::uint32_t h = side(picture.height, height);
-  const auto inner = resize(picture, whole(picture), w, h);
+  return {(width - w) / 2, (height - h) / 2, w, h};
+}
+
+std::vector<float> letterbox(const Picture& picture, std::uint32_t width, std::uint32_t height,
+                             float fill) {
+  const Region part = letterbox_part(picture, width, height);
+  const auto inner = resize(picture, whole(picture), part.width, part.height);
   std::vector<float> result(std::size_t{width} * height * kChannels, fill);
-  const std::size_t left = (width - w) / 2;
-  const std::size_t top = (height - h) / 2;
-  for (std::size_t y = 0; y < h; ++y) {
-    std::copy_n(inner.data() + y * w * kChannels, w * kChannels,
-                result.data() + ((top + y) * width + left) * kChannels);
+  const std::size_t line = part.width * kChannels;
+  for (std::size_t y = 0; y < part.height; ++y) {
+    std::copy_n(inner.data() + y * line, line,
+                result.data() + ((part.y + y) * width + part.x) * kChannels);
   }
   return result;
 }
@@ -126,6 +131,20 @@ std::vector<float> frame(const Picture& picture, std::uint32_t width, std::uint3
       break;
   }
   return resize(picture, whole(picture), width, height);
+}
+
+Area frame_area(const Picture& picture, std::uint32_t width, std::uint32_t height,
+                Framing framing) {
+  if (framing == Framing::kLetterbox) {
+    const Region part = letterbox_part(picture, width, height);
+    const double x_scale = static_cast<double>(picture.width) / part.width;
+    const double y_scale = static_cast<double>(picture.height) / part.height;
+    return {-x_scale * part.x, -y_scale * part.y, x_scale * width, y_scale * height};
+  }
+  const Region part =
+      framing == Framing::kCrop ? centred_part(picture, width, height) : whole(picture);
+  return {static_cast<double>(part.x), static_cast<double>(part.y), static_cast<double>(part.width),
+          static_cast<double>(part.height)};
 }
 
 Picture to_picture(const std::vector<float>& rgb, std::uint32_t width, std::uint32_t height) {

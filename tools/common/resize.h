@@ -33,6 +33,13 @@ enum class Framing {
 std::vector<float> frame(const Picture& picture, std::uint32_t width, std::uint32_t height,
                          Framing framing, float fill);
 
+// Where a frame of width x height lies in the picture that fills it, in the picture's pixels, the
+// point (0, 0) being the picture's top left corner. Letterbox borders lie outside the picture.
+struct Area {
+  double x, y, width, height;
+};
+Area frame_area(const Picture& picture, std::uint32_t width, std::uint32_t height, Framing framing);
+
 // Rounded to bytes.
 Picture to_picture(const std::vector<float>& rgb, std::uint32_t width, std::uint32_t height);
 

@@ -25,6 +25,12 @@ TEST(Fixed, HoldsTheGreatestNumber) {
   EXPECT_EQ(fixed(-1.7976931348623157e308, 20).size(), 1U + 309 + 1 + 20);
 }
 
+TEST(Rounded, KeepsFourDigitsOfAnySize) {
+  EXPECT_EQ(rounded(0.0123456), "0.01235");
+  EXPECT_EQ(rounded(1.7014117e38), "1.701e+38");
+  EXPECT_EQ(rounded(0), "0");
+}
+
 TEST(TableText, PadsColumnsAndLeavesNoBlanksAtTheEnd) {
   Table table({{"name"}, {"ms", Table::Align::kRight}, {"note"}});
   table.add_row({"a", "12.5", "x"});

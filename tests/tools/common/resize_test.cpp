@@ -128,6 +128,31 @@ TEST(Frame, APictureOfExtremeProportionsKeepsAtLeastOnePixel) {
   EXPECT_EQ(frame(line, 3, 3, Framing::kCrop, 0).size(), 27U);
 }
 
+void expect_area(const Area& area, double x, double y, double width, double height) {
+  EXPECT_DOUBLE_EQ(area.x, x);
+  EXPECT_DOUBLE_EQ(area.y, y);
+  EXPECT_DOUBLE_EQ(area.width, width);
+  EXPECT_DOUBLE_EQ(area.height, height);
+}
+
+TEST(FrameArea, SquashCoversThePicture) {
+  expect_area(frame_area(banded(), 8, 8, Framing::kSquash), 0, 0, 4, 2);
+}
+
+TEST(FrameArea, CropCoversItsCentre) {
+  expect_area(frame_area(banded(), 8, 8, Framing::kCrop), 1, 0, 2, 2);
+}
+
+TEST(FrameArea, LetterboxBordersLieOutside) {
+  expect_area(frame_area(banded(), 8, 8, Framing::kLetterbox), 0, -1, 4, 4);
+  expect_area(frame_area(solid(2, 4, 0, 0, 0), 8, 8, Framing::kLetterbox), -1, 0, 4, 4);
+}
+
+TEST(FrameArea, LetterboxCountsTheBordersThatAreReallyThere) {
+  // 3 of 8 rows are left free: one above, two below.
+  expect_area(frame_area(solid(8, 5, 0, 0, 0), 8, 8, Framing::kLetterbox), 0, -1, 8, 8);
+}
+
 TEST(ToPicture, RoundsAndStaysBetween0And255) {
   EXPECT_EQ(to_picture({-3.0F, 0.5F, 300.0F}, 1, 1).rgb, (Bytes{0, 1, 255}));
 }

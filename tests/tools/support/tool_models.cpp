@@ -22,7 +22,69 @@ Dictionary fully_connected(const char* input, const char* output, int features, 
       .add("weight", tensor({features, outputs, 1, 1}, weights));
 }
 
+// Scores of the classes nothing, red, green and blue for each of four pixels.
+std::vector<float> channel_scores() {
+  std::vector<float> weights;
+  for (int feature = 0; feature < 12; ++feature) {
+    for (int output = 0; output < 16; ++output) {
+      const bool same_pixel = feature / 3 == output / 4;
+      weights.push_back(same_pixel && feature % 3 == output % 4 - 1 ? 1.0F / 255 : 0.0F);
+    }
+  }
+  return weights;
+}
+
+// A square of one pixel in each cell.
+Dictionary unit_priors() {
+  return layer("priorbox", {"data", "data"}, {"priors"})
+      .add("offset", 0.5F)
+      .add("flip", 0)
+      .add("num_priors", 1)
+      .add("clip", 0)
+      .add("img_h", 0)
+      .add("img_w", 0)
+      .add("step_h", 0)
+      .add("step_w", 0)
+      .add("aspect_ratios", small_floats({}))
+      .add("variance", small_floats({1}))
+      .add("min_size", small_floats({1}))
+      .add("max_size", small_floats({}));
+}
+
+Dictionary detections(int keep_top_k) {
+  return layer("detectionout", {"locations", "scores", "priors"}, {"found"})
+      .add("num_classes", 4)
+      .add("share_location", 1)
+      .add("num_loc_classes", 1)
+      .add("background_label_id", 0)
+      .add("code_type", 2)
+      .add("variance_encoded_in_target", 1)
+      .add("top_k", -1)
+      .add("keep_top_k", keep_top_k)
+      .add("confidence_threshold", 0.01F)
+      .add("nms_threshold", 0.45F)
+      .add("eta", 1.0F);
+}
+
+ModelBuilder quarter_detector(int input_size, int keep_top_k) {
+  return ModelBuilder(input_size, 3)
+      .set("image_size", integer(2))
+      .set("label_names", texts({"nothing", "red", "green", "blue"}))
+      .add_layer(fully_connected("data", "locations", 12, 16, std::vector<float>(12 * 16, 0.0F)))
+      .add_layer(fully_connected("data", "scores", 12, 16, channel_scores()))
+      .add_layer(unit_priors())
+      .add_layer(detections(keep_top_k));
+}
+
 }  // namespace
+
+ModelBuilder quarter_detector(int input_size) {
+  return quarter_detector(input_size, /*keep_top_k=*/12);
+}
+
+ModelBuilder quarter_detector_of_rows(int keep_top_k) {
+  return quarter_detector(/*input_size=*/2, keep_top_k);
+}
 
 ModelBuilder colour_model() {
   std::vector<float> weights;
