@@ -150,7 +150,7 @@ Area frame_area(const Picture& picture, std::uint32_t width, std::uint32_t heigh
 Picture to_picture(const std::vector<float>& rgb, std::uint32_t width, std::uint32_t height) {
   Picture picture{width, height, std::vector<std::uint8_t>(rgb.size())};
   std::transform(rgb.begin(), rgb.end(), picture.rgb.begin(), [](float value) {
-    return static_cast<std::uint8_t>(std::clamp(value, 0.0F, 255.0F) + 0.5F);
+    return static_cast<std::uint8_t>(std::lround(std::clamp(value, 0.0F, 255.0F)));
   });
   return picture;
 }
