@@ -10,6 +10,7 @@ bool setup_cpu(Network& network, std::uint32_t mode) {
                    network.input_channels);
     network.mean->layout = kInterleaved;
   }
+  network.workspace.workers().set_threads(kernels::blas_threads());
   for (const auto& layer : network.layers) {
     layer->Setup(static_cast<std::int32_t>(mode), network.params);
   }

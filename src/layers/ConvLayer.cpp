@@ -2,6 +2,7 @@
 // channels in place and writes its channels in place, so nothing is split or put together.
 #include "layers/ConvLayer.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "graph/Workspace.h"
@@ -68,14 +69,43 @@ bool ready(const ConvLayer& layer) {
   }
   const auto sizes = conv_sizes(layer, *last_input(layer), *last_output(layer));
   return weights_hold(layer, weights_per_group(layer, sizes)) &&
-         kernels::conv_scratch_floats(sizes) <= layer.workspace->size();
+         scratch_floats(layer, sizes) <= layer.workspace->size();
+}
+
+// Whether group g can be computed from its packed weights.
+bool runs_packed(const ConvLayer& layer, const kernels::ConvSizes& sizes, std::size_t g) {
+  const Blob* bias = layer.has_bias ? layer.biases[g].get() : nullptr;
+  return g < layer.packed.size() && kernels::packed_for(layer.packed[g], sizes) &&
+         (bias == nullptr || bias->count == sizes.kernels);
+}
+
+std::size_t scratch_floats(const ConvLayer& layer, const kernels::ConvSizes& sizes) {
+  std::size_t floats = 0;
+  for (std::size_t g = 0; g < layer.weights.size(); ++g) {
+    floats = std::max(
+        floats, runs_packed(layer, sizes, g)
+                    ? kernels::packed_scratch_floats(sizes) * layer.workspace->workers().threads()
+                    : kernels::conv_scratch_floats(sizes));
+  }
+  return floats;
 }
 
 void reserve_scratch(ConvLayer& layer) {
   const Blob* input = last_input(layer);
   const Blob* output = last_output(layer);
   if (input == nullptr || output == nullptr || !fits(layer)) return;
-  layer.workspace->reserve(kernels::conv_scratch_floats(conv_sizes(layer, *input, *output)));
+  layer.workspace->reserve(scratch_floats(layer, conv_sizes(layer, *input, *output)));
+}
+
+void pack_weights(ConvLayer& layer) {
+  const Blob* input = last_input(layer);
+  const Blob* output = last_output(layer);
+  if (input == nullptr || output == nullptr || !has_weights(layer) || !fits(layer)) return;
+  const auto sizes = conv_sizes(layer, *input, *output);
+  if (!weights_hold(layer, weights_per_group(layer, sizes))) return;
+  for (const BlobPtr& weights : layer.weights) {
+    layer.packed.push_back(kernels::pack_conv(sizes, weights->data));
+  }
 }
 
 void interleave_weights(ConvLayer& layer) {
@@ -95,9 +125,17 @@ void forward_float(ConvLayer& layer) {
   const auto sizes = conv_sizes(layer, input, output);
   for (std::size_t g = 0; g < layer.weights.size(); ++g) {
     const Blob* bias = layer.has_bias ? layer.biases[g].get() : nullptr;
-    kernels::convolve(sizes, input.data + g * sizes.group_channels, layer.weights[g]->data,
-                      bias == nullptr ? nullptr : bias->data, bias == nullptr ? 0 : bias->count,
-                      output.data + g * sizes.kernels, layer.workspace->scratch());
+    const float* from = input.data + g * sizes.group_channels;
+    const float* bias_values = bias == nullptr ? nullptr : bias->data;
+    float* to = output.data + g * sizes.kernels;
+    float* scratch = layer.workspace->scratch();
+    if (runs_packed(layer, sizes, g)) {
+      kernels::convolve_packed(sizes, from, layer.packed[g], bias_values, to, scratch,
+                               layer.workspace->workers());
+    } else {
+      kernels::convolve(sizes, from, layer.weights[g]->data, bias_values,
+                        bias == nullptr ? 0 : bias->count, to, scratch);
+    }
   }
 }
 
@@ -178,9 +216,11 @@ bool ConvLayer::Forward(std::uint32_t mode) {
   return true;
 }
 
-bool ConvLayer::Setup(std::int32_t, std::vector<BlobPtr>&) {
+bool ConvLayer::Setup(std::int32_t mode, std::vector<BlobPtr>&) {
   AllocateBlobs(/*in_place=*/false);
   interleave_weights(*this);
+  packed.clear();
+  if (mode == kFloatMode) pack_weights(*this);
   reserve_scratch(*this);
   return true;
 }
@@ -196,6 +236,7 @@ void ConvLayer::Reshape() {
 }
 
 void ConvLayer::ReleaseWeights() {
+  packed.clear();
   weights.clear();
   biases.clear();
 }

@@ -7,6 +7,7 @@
 
 #include "graph/BaseLayer.h"
 #include "kernels/kernels.h"
+#include "kernels/packed_conv.h"
 
 namespace ravu {
 
@@ -16,6 +17,7 @@ class ConvLayer : public BaseLayer {
   // kernel column, input channel. A group without bias has a null one.
   std::vector<BlobPtr> weights;
   std::vector<BlobPtr> biases;
+  std::vector<kernels::PackedConv> packed;  // of the weights, one per group; made for run mode 0
   bool kernels_transposed = false;
   std::int32_t stride_w = 1, stride_h = 1;
   std::int32_t pad_w = 0, pad_h = 0;
