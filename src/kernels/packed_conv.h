@@ -12,8 +12,6 @@
 
 namespace ravu::kernels {
 
-class Workers;
-
 // Consecutive floats of a patch: of one kernel row, from the tap in this column on.
 struct PatchRun {
   std::uint32_t row, column, length;
@@ -38,7 +36,6 @@ struct PackedConv {
   std::size_t panel_width = 0;  // of all but the last panel
   std::unique_ptr<float[], void (*)(float*)> weights{nullptr, nullptr};
   std::size_t weight_floats = 0;
-
 };
 
 // Packs `kernels` weight rows of patch_floats. Taps whose weights are zero for every output channel

@@ -63,15 +63,6 @@ std::uint64_t weights_per_group(const ConvLayer& layer, const kernels::ConvSizes
          static_cast<std::uint64_t>(layer.output_channels);
 }
 
-bool ready(const ConvLayer& layer) {
-  if (!has_weights(layer) || !has_data(layer) || !fits(layer)) {
-    return false;
-  }
-  const auto sizes = conv_sizes(layer, *last_input(layer), *last_output(layer));
-  return weights_hold(layer, weights_per_group(layer, sizes)) &&
-         scratch_floats(layer, sizes) <= layer.workspace->size();
-}
-
 // Whether group g can be computed from its packed weights.
 bool runs_packed(const ConvLayer& layer, const kernels::ConvSizes& sizes, std::size_t g) {
   const Blob* bias = layer.has_bias ? layer.biases[g].get() : nullptr;
@@ -79,7 +70,13 @@ bool runs_packed(const ConvLayer& layer, const kernels::ConvSizes& sizes, std::s
          (bias == nullptr || bias->count == sizes.kernels);
 }
 
+bool runs_depthwise(const ConvLayer& layer, const kernels::ConvSizes& sizes) {
+  return !layer.depthwise_weights.empty() && sizes.group_channels == 1 &&
+         layer.depthwise_weights.size() == sizes.kernel_h * sizes.kernel_w * sizes.channels;
+}
+
 std::size_t scratch_floats(const ConvLayer& layer, const kernels::ConvSizes& sizes) {
+  if (runs_depthwise(layer, sizes)) return 0;
   std::size_t floats = 0;
   for (std::size_t g = 0; g < layer.weights.size(); ++g) {
     floats = std::max(
@@ -90,11 +87,47 @@ std::size_t scratch_floats(const ConvLayer& layer, const kernels::ConvSizes& siz
   return floats;
 }
 
+bool ready(const ConvLayer& layer) {
+  if (!has_weights(layer) || !has_data(layer) || !fits(layer)) {
+    return false;
+  }
+  const auto sizes = conv_sizes(layer, *last_input(layer), *last_output(layer));
+  return weights_hold(layer, weights_per_group(layer, sizes)) &&
+         scratch_floats(layer, sizes) <= layer.workspace->size();
+}
+
 void reserve_scratch(ConvLayer& layer) {
   const Blob* input = last_input(layer);
   const Blob* output = last_output(layer);
   if (input == nullptr || output == nullptr || !fits(layer)) return;
   layer.workspace->reserve(scratch_floats(layer, conv_sizes(layer, *input, *output)));
+}
+
+// Whether every channel has a group, a kernel and at most one bias of its own.
+bool is_depthwise(const ConvLayer& layer, const kernels::ConvSizes& sizes) {
+  if (sizes.group_channels != 1 || sizes.kernels != 1) return false;
+  return std::all_of(layer.biases.begin(), layer.biases.end(), [](const BlobPtr& bias) {
+    return !bias || (bias->count == 1 && bias->data != nullptr);
+  });
+}
+
+// Group after group becomes tap after tap.
+void pack_depthwise(ConvLayer& layer, const kernels::ConvSizes& sizes) {
+  const std::size_t taps = sizes.kernel_h * sizes.kernel_w;
+  layer.depthwise_weights.resize(taps * sizes.channels);
+  if (layer.has_bias) layer.depthwise_bias.resize(sizes.channels);
+  for (std::size_t c = 0; c < sizes.channels; ++c) {
+    for (std::size_t tap = 0; tap < taps; ++tap) {
+      layer.depthwise_weights[tap * sizes.channels + c] = layer.weights[c]->data[tap];
+    }
+    if (layer.has_bias && layer.biases[c]) layer.depthwise_bias[c] = layer.biases[c]->data[0];
+  }
+}
+
+void drop_packed_weights(ConvLayer& layer) {
+  layer.packed.clear();
+  layer.depthwise_weights.clear();
+  layer.depthwise_bias.clear();
 }
 
 void pack_weights(ConvLayer& layer) {
@@ -103,6 +136,10 @@ void pack_weights(ConvLayer& layer) {
   if (input == nullptr || output == nullptr || !has_weights(layer) || !fits(layer)) return;
   const auto sizes = conv_sizes(layer, *input, *output);
   if (!weights_hold(layer, weights_per_group(layer, sizes))) return;
+  if (is_depthwise(layer, sizes)) {
+    pack_depthwise(layer, sizes);
+    return;
+  }
   for (const BlobPtr& weights : layer.weights) {
     layer.packed.push_back(kernels::pack_conv(sizes, weights->data));
   }
@@ -123,6 +160,12 @@ void forward_float(ConvLayer& layer) {
   const Blob& input = *last_input(layer);
   Blob& output = *last_output(layer);
   const auto sizes = conv_sizes(layer, input, output);
+  if (runs_depthwise(layer, sizes)) {
+    const float* bias = layer.depthwise_bias.empty() ? nullptr : layer.depthwise_bias.data();
+    kernels::convolve_depthwise(sizes, input.data, layer.depthwise_weights.data(), bias,
+                                output.data, layer.workspace->workers());
+    return;
+  }
   for (std::size_t g = 0; g < layer.weights.size(); ++g) {
     const Blob* bias = layer.has_bias ? layer.biases[g].get() : nullptr;
     const float* from = input.data + g * sizes.group_channels;
@@ -219,7 +262,7 @@ bool ConvLayer::Forward(std::uint32_t mode) {
 bool ConvLayer::Setup(std::int32_t mode, std::vector<BlobPtr>&) {
   AllocateBlobs(/*in_place=*/false);
   interleave_weights(*this);
-  packed.clear();
+  drop_packed_weights(*this);
   if (mode == kFloatMode) pack_weights(*this);
   reserve_scratch(*this);
   return true;
@@ -236,7 +279,7 @@ void ConvLayer::Reshape() {
 }
 
 void ConvLayer::ReleaseWeights() {
-  packed.clear();
+  drop_packed_weights(*this);
   weights.clear();
   biases.clear();
 }

@@ -17,7 +17,9 @@ class ConvLayer : public BaseLayer {
   // kernel column, input channel. A group without bias has a null one.
   std::vector<BlobPtr> weights;
   std::vector<BlobPtr> biases;
-  std::vector<kernels::PackedConv> packed;  // of the weights, one per group; made for run mode 0
+  std::vector<kernels::PackedConv> packed;  // the weights of each group, made for run mode 0
+  std::vector<float> depthwise_weights;     // instead: one row of channels for each tap
+  std::vector<float> depthwise_bias;        // one for each channel, or empty
   bool kernels_transposed = false;
   std::int32_t stride_w = 1, stride_h = 1;
   std::int32_t pad_w = 0, pad_h = 0;
