@@ -71,7 +71,7 @@ bool runs_packed(const ConvLayer& layer, const kernels::ConvSizes& sizes, std::s
 }
 
 bool runs_depthwise(const ConvLayer& layer, const kernels::ConvSizes& sizes) {
-  return !layer.depthwise_weights.empty() && sizes.group_channels == 1 &&
+  return !layer.depthwise_weights.empty() && layer.weights.size() == sizes.channels &&
          layer.depthwise_weights.size() == sizes.kernel_h * sizes.kernel_w * sizes.channels;
 }
 
@@ -105,7 +105,7 @@ void reserve_scratch(ConvLayer& layer) {
 
 // Whether every channel has a group, a kernel and at most one bias of its own.
 bool is_depthwise(const ConvLayer& layer, const kernels::ConvSizes& sizes) {
-  if (sizes.group_channels != 1 || sizes.kernels != 1) return false;
+  if (sizes.kernels != 1 || layer.weights.size() != sizes.channels) return false;
   return std::all_of(layer.biases.begin(), layer.biases.end(), [](const BlobPtr& bias) {
     return !bias || (bias->count == 1 && bias->data != nullptr);
   });
