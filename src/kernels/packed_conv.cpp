@@ -4,7 +4,6 @@
 #include "kernels/packed_conv.h"
 
 #include <algorithm>
-#include <new>
 
 #include "kernels/tile.h"
 #include "kernels/workers.h"
@@ -110,7 +109,7 @@ void multiply_panels(const PackedConv& packed, const Field& field, const float* 
                    {.first = first,
                     .channels = channels,
                     .vectors = (channels + packed.lanes - 1) / packed.lanes,
-                    .weights = packed.weights.get() + first * packed.depth,
+                    .weights = packed.weights.data() + first * packed.depth,
                     .bias = bias == nullptr ? nullptr : bias + first});
   }
 }
@@ -265,15 +264,6 @@ float* pack_panel(const ConvSizes& s, const float* weights, const PackedConv& pa
   return to;
 }
 
-std::size_t whole_vectors(std::size_t channels, std::size_t lanes) {
-  return (channels + lanes - 1) / lanes * lanes;
-}
-
-struct AlignedDelete {
-  static constexpr auto kAlignment = std::align_val_t{64};
-  static void release(float* floats) { ::operator delete(floats, kAlignment); }
-};
-
 // How many parts the panels are cut into when there are too few blocks for the threads.
 std::size_t panel_groups(std::size_t blocks, std::size_t panels, std::size_t threads) {
   if (threads == 1) return 1;
@@ -291,11 +281,8 @@ PackedConv pack_conv(const ConvSizes& sizes, const float* weights) {
   packed.patch = patch_floats(sizes);
   packed.kernels = sizes.kernels;
   choose_runs(sizes, weights, packed);
-  packed.weight_floats = packed.depth * whole_vectors(sizes.kernels, packed.lanes);
-  packed.weights = {static_cast<float*>(::operator new(packed.weight_floats * sizeof(float),
-                                                       AlignedDelete::kAlignment)),
-                    AlignedDelete::release};
-  float* to = packed.weights.get();
+  packed.weights = AlignedFloats(packed.depth * whole_vectors(sizes.kernels, packed.lanes));
+  float* to = packed.weights.data();
   for (std::size_t first = 0; first < sizes.kernels; first += packed.panel_width) {
     const std::size_t channels = std::min(sizes.kernels - first, packed.panel_width);
     to = pack_panel(sizes, weights + first * patch_floats(sizes), packed, channels,
@@ -311,8 +298,8 @@ std::size_t packed_scratch_floats(const ConvSizes& s) {
 }
 
 bool packed_for(const PackedConv& packed, const ConvSizes& sizes) {
-  return packed.weights != nullptr && packed.patch == patch_floats(sizes) &&
-         packed.kernels == sizes.kernels && packed_scratch_floats(sizes) <= kMaxPackedScratch;
+  return packed.weights && packed.patch == patch_floats(sizes) && packed.kernels == sizes.kernels &&
+         packed_scratch_floats(sizes) <= kMaxPackedScratch;
 }
 
 void convolve_packed(const ConvSizes& s, const float* input, const PackedConv& packed,

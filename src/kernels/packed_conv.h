@@ -5,9 +5,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <vector>
 
+#include "kernels/aligned_floats.h"
 #include "kernels/kernels.h"
 
 namespace ravu::kernels {
@@ -34,8 +34,7 @@ struct PackedConv {
   std::size_t depth = 0;        // floats of a patch that have weights
   std::size_t lanes = 0;        // of a vector
   std::size_t panel_width = 0;  // of all but the last panel
-  std::unique_ptr<float[], void (*)(float*)> weights{nullptr, nullptr};
-  std::size_t weight_floats = 0;
+  AlignedFloats weights;
 };
 
 // Packs `kernels` weight rows of patch_floats. Taps whose weights are zero for every output channel

@@ -34,6 +34,11 @@ inline constexpr std::size_t kMaxTileLanes = 16;
 inline constexpr std::size_t kMaxTileVectors = 4;
 TileVectors tile_vectors();
 
+// Output channels rounded up to whole vectors.
+inline std::size_t whole_vectors(std::size_t channels, std::size_t lanes) {
+  return (channels + lanes - 1) / lanes * lanes;
+}
+
 // The loop for tiles of this many vectors, 1 to `most`. Each output is written in whole vectors.
 using MultiplyTile = void (*)(const TileSlice& slice, const Tile& tile);
 MultiplyTile tile_loop(std::size_t vectors);

@@ -2,7 +2,6 @@
 // channels in place and writes its channels in place, so nothing is split or put together.
 #include "layers/ConvLayer.h"
 
-#include <algorithm>
 #include <cstdio>
 
 #include "graph/Workspace.h"
@@ -63,86 +62,32 @@ std::uint64_t weights_per_group(const ConvLayer& layer, const kernels::ConvSizes
          static_cast<std::uint64_t>(layer.output_channels);
 }
 
-// Whether group g can be computed from its packed weights.
-bool runs_packed(const ConvLayer& layer, const kernels::ConvSizes& sizes, std::size_t g) {
-  const Blob* bias = layer.has_bias ? layer.biases[g].get() : nullptr;
-  return g < layer.packed.size() && kernels::packed_for(layer.packed[g], sizes) &&
-         (bias == nullptr || bias->count == sizes.kernels);
-}
-
-bool runs_depthwise(const ConvLayer& layer, const kernels::ConvSizes& sizes) {
-  return !layer.depthwise_weights.empty() && layer.weights.size() == sizes.channels &&
-         layer.depthwise_weights.size() == sizes.kernel_h * sizes.kernel_w * sizes.channels;
-}
-
-std::size_t scratch_floats(const ConvLayer& layer, const kernels::ConvSizes& sizes) {
-  if (runs_depthwise(layer, sizes)) return 0;
-  std::size_t floats = 0;
+std::vector<kernels::ConvGroup> groups_of(const ConvLayer& layer) {
+  std::vector<kernels::ConvGroup> groups;
   for (std::size_t g = 0; g < layer.weights.size(); ++g) {
-    floats = std::max(
-        floats, runs_packed(layer, sizes, g)
-                    ? kernels::packed_scratch_floats(sizes) * layer.workspace->workers().threads()
-                    : kernels::conv_scratch_floats(sizes));
+    const Blob* bias = layer.has_bias ? layer.biases[g].get() : nullptr;
+    groups.push_back({layer.weights[g]->data, bias == nullptr ? nullptr : bias->data,
+                      bias == nullptr ? 0 : bias->count});
   }
-  return floats;
+  return groups;
 }
 
-bool ready(const ConvLayer& layer) {
-  if (!has_weights(layer) || !has_data(layer) || !fits(layer)) {
-    return false;
-  }
-  const auto sizes = conv_sizes(layer, *last_input(layer), *last_output(layer));
-  return weights_hold(layer, weights_per_group(layer, sizes)) &&
-         scratch_floats(layer, sizes) <= layer.workspace->size();
+// Whether the weights are there and hold what the kernel reads.
+bool has_whole_weights(const ConvLayer& layer, const kernels::ConvSizes& sizes) {
+  return has_weights(layer) && weights_hold(layer, weights_per_group(layer, sizes));
 }
 
-void reserve_scratch(ConvLayer& layer) {
+// Brings the plan and the scratch memory up to the layer's sizes.
+void prepare_plan(ConvLayer& layer) {
   const Blob* input = last_input(layer);
   const Blob* output = last_output(layer);
   if (input == nullptr || output == nullptr || !fits(layer)) return;
-  layer.workspace->reserve(scratch_floats(layer, conv_sizes(layer, *input, *output)));
-}
-
-// Whether every channel has a group, a kernel and at most one bias of its own.
-bool is_depthwise(const ConvLayer& layer, const kernels::ConvSizes& sizes) {
-  if (sizes.kernels != 1 || layer.weights.size() != sizes.channels) return false;
-  return std::all_of(layer.biases.begin(), layer.biases.end(), [](const BlobPtr& bias) {
-    return !bias || (bias->count == 1 && bias->data != nullptr);
-  });
-}
-
-// Group after group becomes tap after tap.
-void pack_depthwise(ConvLayer& layer, const kernels::ConvSizes& sizes) {
-  const std::size_t taps = sizes.kernel_h * sizes.kernel_w;
-  layer.depthwise_weights.resize(taps * sizes.channels);
-  if (layer.has_bias) layer.depthwise_bias.resize(sizes.channels);
-  for (std::size_t c = 0; c < sizes.channels; ++c) {
-    for (std::size_t tap = 0; tap < taps; ++tap) {
-      layer.depthwise_weights[tap * sizes.channels + c] = layer.weights[c]->data[tap];
-    }
-    if (layer.has_bias && layer.biases[c]) layer.depthwise_bias[c] = layer.biases[c]->data[0];
-  }
-}
-
-void drop_packed_weights(ConvLayer& layer) {
-  layer.packed.clear();
-  layer.depthwise_weights.clear();
-  layer.depthwise_bias.clear();
-}
-
-void pack_weights(ConvLayer& layer) {
-  const Blob* input = last_input(layer);
-  const Blob* output = last_output(layer);
-  if (input == nullptr || output == nullptr || !has_weights(layer) || !fits(layer)) return;
   const auto sizes = conv_sizes(layer, *input, *output);
-  if (!weights_hold(layer, weights_per_group(layer, sizes))) return;
-  if (is_depthwise(layer, sizes)) {
-    pack_depthwise(layer, sizes);
-    return;
-  }
-  for (const BlobPtr& weights : layer.weights) {
-    layer.packed.push_back(kernels::pack_conv(sizes, weights->data));
-  }
+  if (!has_whole_weights(layer, sizes)) return;
+  const auto groups = groups_of(layer);
+  if (!layer.plan.suits(sizes, groups)) layer.plan.prepare(sizes, groups);
+  layer.workspace->reserve(
+      layer.plan.scratch_floats(sizes, groups, layer.workspace->workers().threads()));
 }
 
 void interleave_weights(ConvLayer& layer) {
@@ -156,30 +101,16 @@ void interleave_weights(ConvLayer& layer) {
 }
 
 void forward_float(ConvLayer& layer) {
-  if (!ready(layer)) return;
+  if (!has_data(layer) || !fits(layer)) return;
   const Blob& input = *last_input(layer);
   Blob& output = *last_output(layer);
   const auto sizes = conv_sizes(layer, input, output);
-  if (runs_depthwise(layer, sizes)) {
-    const float* bias = layer.depthwise_bias.empty() ? nullptr : layer.depthwise_bias.data();
-    kernels::convolve_depthwise(sizes, input.data, layer.depthwise_weights.data(), bias,
-                                output.data, layer.workspace->workers());
-    return;
-  }
-  for (std::size_t g = 0; g < layer.weights.size(); ++g) {
-    const Blob* bias = layer.has_bias ? layer.biases[g].get() : nullptr;
-    const float* from = input.data + g * sizes.group_channels;
-    const float* bias_values = bias == nullptr ? nullptr : bias->data;
-    float* to = output.data + g * sizes.kernels;
-    float* scratch = layer.workspace->scratch();
-    if (runs_packed(layer, sizes, g)) {
-      kernels::convolve_packed(sizes, from, layer.packed[g], bias_values, to, scratch,
-                               layer.workspace->workers());
-    } else {
-      kernels::convolve(sizes, from, layer.weights[g]->data, bias_values,
-                        bias == nullptr ? 0 : bias->count, to, scratch);
-    }
-  }
+  if (!has_whole_weights(layer, sizes)) return;
+  const auto groups = groups_of(layer);
+  kernels::Workers& workers = layer.workspace->workers();
+  const std::size_t scratch = layer.plan.scratch_floats(sizes, groups, workers.threads());
+  if (scratch > layer.workspace->size()) return;
+  layer.plan.run(sizes, input.data, groups, output.data, layer.workspace->scratch(), workers);
 }
 
 void forward_fixed_point(ConvLayer&) {
@@ -215,6 +146,11 @@ kernels::ConvSizes conv_sizes(const ConvLayer& l, const Shape& input, const Shap
           .kernels = size(l.output_channels),
           .out_channels = size(l.output_channels) * size(l.groups),
           .out_image = size(output.dims[1]) * output.dims[2] * output.dims[3]};
+}
+
+kernels::ConvForm conv_form(const ConvLayer& layer) {
+  return layer.plan.form(conv_sizes(layer, *last_input(layer), *last_output(layer)),
+                         groups_of(layer));
 }
 
 Fit fits(const ConvLayer& l) {
@@ -262,9 +198,12 @@ bool ConvLayer::Forward(std::uint32_t mode) {
 bool ConvLayer::Setup(std::int32_t mode, std::vector<BlobPtr>&) {
   AllocateBlobs(/*in_place=*/false);
   interleave_weights(*this);
-  drop_packed_weights(*this);
-  if (mode == kFloatMode) pack_weights(*this);
-  reserve_scratch(*this);
+  single_precision = mode == kFloatMode;
+  if (single_precision) {
+    prepare_plan(*this);
+  } else {
+    plan.clear();
+  }
   return true;
 }
 
@@ -275,11 +214,11 @@ void ConvLayer::Reshape() {
   // Kept: dilation does not enter this formula, though it does enter the loader's.
   const auto shape = shape_of(*this, *input, 0, 0);
   if (shape && !same_dims_and_layout(*output, *shape)) reshape(*output, *shape);
-  reserve_scratch(*this);
+  if (single_precision) prepare_plan(*this);
 }
 
 void ConvLayer::ReleaseWeights() {
-  drop_packed_weights(*this);
+  plan.clear();
   weights.clear();
   biases.clear();
 }
