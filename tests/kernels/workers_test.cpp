@@ -64,7 +64,16 @@ TEST(Workers, RunReturnsWhenAllIsDone) {
   }
 }
 
-#ifndef _WIN32
+// The thread sanitizer does not let a forked child have threads.
+#if defined(__SANITIZE_THREAD__)
+#define RAVU_NO_THREADS_AFTER_FORK
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define RAVU_NO_THREADS_AFTER_FORK
+#endif
+#endif
+
+#if !defined(_WIN32) && !defined(RAVU_NO_THREADS_AFTER_FORK)
 TEST(Workers, AForkedChildMakesItsOwn) {
   kernels::Workers workers;
   workers.set_threads(3);
