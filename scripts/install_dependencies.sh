@@ -10,6 +10,7 @@ build=(
   g++ cmake ninja-build pkg-config  # compiler and build
   libopenblas-dev                   # matrix products
   libhwy-dev                        # vector code for every processor from one source
+  libdnnl-dev                       # integer products of the fixed-point library
   libcli11-dev                      # command lines of the ravu program
   nlohmann-json3-dev                # its --json output
   libpng-dev libjpeg62-turbo-dev    # its pictures
