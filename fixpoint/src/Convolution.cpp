@@ -109,7 +109,8 @@ void Convolution::quantise_image(const float* image, float factor, float roundin
   const std::int64_t to = std::clamp<std::int64_t>(width_ - left, from, padded_.width);
   const auto before = static_cast<std::size_t>(from) * channels;
   const auto until = static_cast<std::size_t>(to) * channels;
-  share(threads_, static_cast<std::size_t>(padded_.height), [&](std::size_t r) {
+  const int threads = threads_for_floats(static_cast<std::int64_t>(bytes_.size()));
+  share(threads, static_cast<std::size_t>(padded_.height), [&](std::size_t r) {
     std::uint8_t* bytes = bytes_.data() + r * row_bytes;
     const std::int64_t y = top + static_cast<std::int64_t>(r);
     if (y < 0 || y >= height_) {

@@ -32,6 +32,8 @@ class IntegerSums {
   // Whether no input of bytes up to 127 can make a sum pass 30 bits.
   bool stay_in_range() const;
 
+  std::int64_t weight_count() const { return static_cast<std::int64_t>(weights_.size()); }
+
   // The sum of each output channel's weights.
   const std::vector<std::int32_t>& weight_sums() const { return weight_sums_; }
 

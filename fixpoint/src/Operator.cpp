@@ -10,7 +10,8 @@ namespace ravu::fixpoint {
 namespace {
 
 constexpr std::int32_t kMaxThreads = 1024;
-constexpr std::size_t kBlock = 16384;     // floats that one thread takes at a time
+constexpr std::size_t kBlock = 16384;  // floats that one thread takes at a time
+constexpr std::int64_t kFewProducts = std::int64_t{1} << 18;  // done before a thread wakes up
 constexpr std::size_t kShortestRun = 64;  // parameters repeat until they are this many
 
 std::size_t blocks_of(std::size_t n, std::size_t block) {
@@ -58,6 +59,14 @@ bool Operator::quantise_weights_of(const KernelSizes& sizes, const float* weight
   return true;
 }
 
+int Operator::threads_for_floats(std::int64_t n) const {
+  return n > static_cast<std::int64_t>(kBlock) ? threads_ : 1;
+}
+
+int Operator::threads_for_products(std::int64_t n) const {
+  return n > kFewProducts ? threads_ : 1;
+}
+
 Extent Operator::extent(const float* values, std::size_t n) {
   extents_.resize(blocks_of(n, kBlock));
   share(threads_, extents_.size(), [&](std::size_t b) {
@@ -73,8 +82,9 @@ Extent Operator::extent(const float* values, std::size_t n) {
 
 void Operator::compute(const ImageSizes& image, const std::uint8_t* bytes, bool signs,
                        float* sums) {
-  const ThreadCount in_force(threads_);
-  sums_->compute(image, bytes, /*full=*/signs, threads_, sums);
+  const int threads = threads_for_products(image.rows * image.columns * sums_->weight_count());
+  const ThreadCount in_force(threads);
+  sums_->compute(image, bytes, /*full=*/signs, threads, sums);
 }
 
 void Operator::finish_sums(float* sums, std::size_t n, bool signs, float input_step) {

@@ -31,14 +31,17 @@ struct Operator {
   // The extent of values, found by all threads.
   Extent extent(const float* values, std::size_t n);
 
+  // How many threads are worth it for so many floats to pass over, or products to add.
+  int threads_for_floats(std::int64_t n) const;
+  int threads_for_products(std::int64_t n) const;
+
   void compute(const ImageSizes& image, const std::uint8_t* bytes, bool signs, float* sums);
 
   // Turns n sums of an input with this step into floats, in place.
   void finish_sums(float* sums, std::size_t n, bool signs, float input_step);
 
-  int threads_ = 1;
-
  private:
+  int threads_ = 1;
   std::unique_ptr<IntegerSums> sums_;
   std::vector<float> weight_steps_;       // as often as `steps_` has entries
   std::vector<std::int32_t> offsets_[2];  // of unsigned and of signed inputs

@@ -22,13 +22,17 @@ class ThreadCount {
 template <class Work>
 void share(int threads, std::size_t n, const Work& work) {
 #ifdef _OPENMP
-#pragma omp parallel for num_threads(threads) schedule(static) if (threads > 1 && n > 1)
+  if (threads > 1 && n > 1) {
+#pragma omp parallel for num_threads(threads) schedule(static)
+    for (std::ptrdiff_t i = 0; i < static_cast<std::ptrdiff_t>(n); ++i) {
+      work(static_cast<std::size_t>(i));
+    }
+    return;
+  }
 #else
   (void)threads;
 #endif
-  for (std::ptrdiff_t i = 0; i < static_cast<std::ptrdiff_t>(n); ++i) {
-    work(static_cast<std::size_t>(i));
-  }
+  for (std::size_t i = 0; i < n; ++i) work(i);
 }
 
 }  // namespace ravu::fixpoint
