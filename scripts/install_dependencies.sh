@@ -22,7 +22,7 @@ test=(
   python3 python3-numpy python3-pytest      # the Python side and its tests
   python3-pil                               # pictures in those tests
 )
-check=(clang-format clang-tidy gcovr libbenchmark-dev)
+check=(clang-format clang-tidy gcovr libbenchmark-dev libomp-dev)
 
 case "${1:-build}" in
   build) wanted=("${build[@]}") ;;

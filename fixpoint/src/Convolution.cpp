@@ -1,4 +1,5 @@
-// Padding holds the byte that stands for 0, and only what some window covers is quantised.
+// Padding holds the byte that stands for 0. What no window covers is left out of the picture: where
+// the stride is longer than the kernel, windows stand side by side in it.
 #include "Convolution.h"
 
 #include <algorithm>
@@ -16,9 +17,21 @@ std::int64_t windows(std::int64_t size, std::int64_t pad, std::int64_t kernel, s
   return room < 0 ? 0 : room / stride + 1;
 }
 
-// What that many windows cover.
+// From one window to the next in the picture.
+std::int64_t picture_stride(std::int64_t kernel, std::int64_t stride) {
+  return std::min(kernel, stride);
+}
+
+// What that many windows cover of the picture.
 std::int64_t covered(std::int64_t count, std::int64_t kernel, std::int64_t stride) {
-  return count == 0 ? 0 : (count - 1) * stride + kernel;
+  return count == 0 ? 0 : (count - 1) * picture_stride(kernel, stride) + kernel;
+}
+
+// Whether a picture of so many bytes is in proportion to what goes in and comes out: all but
+// padding otherwise, which a few numbers could make as large as they like.
+bool in_proportion(std::int64_t bytes, std::int64_t input, std::int64_t output) {
+  constexpr std::int64_t kSmall = std::int64_t{1} << 24;
+  return bytes <= std::max(kSmall, 16 * (input + output));
 }
 
 bool valid(const ConvSizes& s) {
@@ -44,8 +57,12 @@ bool Convolution::configure(const ConvSizes& sizes, const float* weights, const 
 
 bool Convolution::finish(float range) {
   if (finished() || weights_ == nullptr) return false;
-  const KernelSizes kernel{sizes_.output_channels, sizes_.input_channels, sizes_.kernel_h,
-                           sizes_.kernel_w,        sizes_.stride_h,       sizes_.stride_w};
+  const KernelSizes kernel{sizes_.output_channels,
+                           sizes_.input_channels,
+                           sizes_.kernel_h,
+                           sizes_.kernel_w,
+                           picture_stride(sizes_.kernel_h, sizes_.stride_h),
+                           picture_stride(sizes_.kernel_w, sizes_.stride_w)};
   if (!quantise_weights_of(kernel, weights_, range, bias_)) return false;
   weights_ = nullptr;
   return true;
@@ -71,6 +88,7 @@ bool Convolution::set_input(std::int32_t batch, std::int32_t channels, std::int3
   for (const std::int64_t elements : {input, bytes, output}) {
     if (elements > kMaxElements || elements * batch > kMaxElements) return false;
   }
+  if (!in_proportion(bytes, input, output)) return false;
   batch_ = batch;
   height_ = height;
   width_ = width;
@@ -97,34 +115,47 @@ bool Convolution::run(float* output, float rounding) {
 }
 
 void Convolution::quantise_image(const float* image, float factor, float rounding, bool signs) {
-  const std::int32_t zero = signs ? kZeroPoint : 0;
-  const auto channels = static_cast<std::size_t>(sizes_.input_channels);
-  const auto row_bytes = static_cast<std::size_t>(padded_.width) * channels;
-  const auto row_floats = static_cast<std::size_t>(width_) * channels;
+  const Quantiser to_bytes{factor, rounding, signs ? kZeroPoint : 0};
+  const auto row_bytes = static_cast<std::size_t>(padded_.width * sizes_.input_channels);
   bytes_.resize(static_cast<std::size_t>(padded_.height) * row_bytes);
-  // Where the covered part starts in the image; negative within the padding.
+  // Where the first window starts in the image; negative within the padding.
   const std::int64_t top = std::int64_t{sizes_.dilation_h} - 1 - sizes_.pad_h;
-  const std::int64_t left = std::int64_t{sizes_.dilation_w} - 1 - sizes_.pad_w;
-  const std::int64_t from = std::clamp<std::int64_t>(-left, 0, padded_.width);
-  const std::int64_t to = std::clamp<std::int64_t>(width_ - left, from, padded_.width);
-  const auto before = static_cast<std::size_t>(from) * channels;
-  const auto until = static_cast<std::size_t>(to) * channels;
+  const std::int64_t skipped = sizes_.stride_h - picture_stride(sizes_.kernel_h, sizes_.stride_h);
   const int threads = threads_for_floats(static_cast<std::int64_t>(bytes_.size()));
   share(threads, static_cast<std::size_t>(padded_.height), [&](std::size_t r) {
-    std::uint8_t* bytes = bytes_.data() + r * row_bytes;
-    const std::int64_t y = top + static_cast<std::int64_t>(r);
-    if (y < 0 || y >= height_) {
-      std::fill_n(bytes, row_bytes, static_cast<std::uint8_t>(zero));
-      return;
-    }
-    const float* row = image + static_cast<std::size_t>(y) * row_floats;
-    std::fill_n(bytes, before, static_cast<std::uint8_t>(zero));
-    if (until > before) {
-      quantise(row + static_cast<std::size_t>(left + from) * channels, until - before, factor,
-               rounding, zero, bytes + before);
-    }
-    std::fill_n(bytes + until, row_bytes - until, static_cast<std::uint8_t>(zero));
+    const auto row = static_cast<std::int64_t>(r);
+    const std::int64_t y = top + row + row / sizes_.kernel_h * skipped;
+    const bool inside = y >= 0 && y < height_;
+    quantise_row(inside ? image + y * width_ * sizes_.input_channels : nullptr, to_bytes,
+                 bytes_.data() + r * row_bytes);
   });
+}
+
+void Convolution::quantise_row(const float* row, const Quantiser& to_bytes,
+                               std::uint8_t* bytes) const {
+  const std::int64_t left = std::int64_t{sizes_.dilation_w} - 1 - sizes_.pad_w;
+  if (sizes_.stride_w <= sizes_.kernel_w) {
+    quantise_pixels(row, left, padded_.width, to_bytes, bytes);
+    return;
+  }
+  for (std::int64_t c = 0; c < padded_.columns; ++c) {
+    quantise_pixels(row, left + c * sizes_.stride_w, sizes_.kernel_w, to_bytes,
+                    bytes + c * sizes_.kernel_w * sizes_.input_channels);
+  }
+}
+
+void Convolution::quantise_pixels(const float* row, std::int64_t x, std::int64_t n,
+                                  const Quantiser& to_bytes, std::uint8_t* bytes) const {
+  const std::int64_t channels = sizes_.input_channels;
+  const auto zero = static_cast<std::uint8_t>(to_bytes.zero_point);
+  const std::int64_t from = row == nullptr ? n : std::clamp<std::int64_t>(-x, 0, n);
+  const std::int64_t to = row == nullptr ? n : std::clamp<std::int64_t>(width_ - x, from, n);
+  std::fill(bytes, bytes + from * channels, zero);
+  if (to > from) {
+    quantise(row + (x + from) * channels, static_cast<std::size_t>((to - from) * channels),
+             to_bytes, bytes + from * channels);
+  }
+  std::fill(bytes + to * channels, bytes + n * channels, zero);
 }
 
 }  // namespace ravu::fixpoint

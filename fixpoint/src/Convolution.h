@@ -27,6 +27,11 @@ class Convolution : public Operator {
 
  private:
   void quantise_image(const float* image, float factor, float rounding, bool signs);
+  // One row of the picture from a row of the image; null: all padding.
+  void quantise_row(const float* row, const Quantiser& to_bytes, std::uint8_t* bytes) const;
+  // n pixels of it, from column x of the image on.
+  void quantise_pixels(const float* row, std::int64_t x, std::int64_t n, const Quantiser& to_bytes,
+                       std::uint8_t* bytes) const;
 
   ConvSizes sizes_{};
   const float* weights_ = nullptr;  // until finish

@@ -53,8 +53,9 @@ bool FullyConnected::run(float* output, float rounding) {
   }
   bytes_.resize(images * features);
   for (std::size_t i = 0; i < images; ++i) {
-    quantise(input + i * features, features, range_ / extents_[i].magnitude, rounding,
-             signs ? kZeroPoint : 0, bytes_.data() + i * features);
+    quantise(input + i * features, features,
+             {range_ / extents_[i].magnitude, rounding, signs ? kZeroPoint : 0},
+             bytes_.data() + i * features);
   }
   compute({1, batch_, 1, batch_}, bytes_.data(), signs, output);
   for (std::size_t i = 0; i < images; ++i) {

@@ -116,9 +116,9 @@ Extent extent_of(const float* values, std::size_t n) {
   return extent;
 }
 
-void quantise(const float* values, std::size_t n, float factor, float rounding,
-              std::int32_t zero_point, std::uint8_t* bytes) {
-  HWY_DYNAMIC_DISPATCH(quantise)(values, n, factor, rounding, zero_point, bytes);
+void quantise(const float* values, std::size_t n, const Quantiser& to_bytes, std::uint8_t* bytes) {
+  HWY_DYNAMIC_DISPATCH(quantise)
+  (values, n, to_bytes.factor, to_bytes.rounding, to_bytes.zero_point, bytes);
 }
 
 void dequantise(float* sums, std::size_t n, const Steps& steps) {

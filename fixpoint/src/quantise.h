@@ -19,10 +19,15 @@ struct Extent {
 
 Extent extent_of(const float* values, std::size_t n);
 
-// bytes[i] = floor(values[i] * factor + rounding), limited to -127 .. 127, + zero_point; i < n.
+// How floats become bytes: floor(value * factor + rounding), limited to -127 .. 127, + zero_point.
 // A product that is not a number counts as 0.
-void quantise(const float* values, std::size_t n, float factor, float rounding,
-              std::int32_t zero_point, std::uint8_t* bytes);
+struct Quantiser {
+  float factor;
+  float rounding;
+  std::int32_t zero_point;
+};
+
+void quantise(const float* values, std::size_t n, const Quantiser& to_bytes, std::uint8_t* bytes);
 
 // How floats come back from sums. The arrays repeat along the data: element i takes entry i mod
 // their length.

@@ -15,7 +15,7 @@ class ThreadCount {
   ~ThreadCount();
 
  private:
-  int before_;
+  [[maybe_unused]] int before_;
 };
 
 // Calls work(i) for i < n, each once, from up to `threads` threads. The work does not throw.

@@ -101,6 +101,23 @@ TEST(Hostile, SizesThatMultiplyToTooMuchAreRefused) {
   EXPECT_FALSE(set_input(conv, c));
 }
 
+// A few numbers that ask for gigabytes of padding.
+TEST(Hostile, PaddingOutOfAllProportionIsRefused) {
+  ConvCase c = small_case();
+  c.pad_h = c.pad_w = 10000;
+  c.stride_h = c.stride_w = 2;
+  c.outputs = 1;
+  fill(c, 2, false);
+  const Conv accepted(c);
+  EXPECT_TRUE(set_input(accepted, c)) << "the output is as large";
+  c.channels = 1;
+  c.kernel_h = c.kernel_w = c.stride_h = c.stride_w = 200;
+  fill(c, 3, false);
+  const Conv refused(c);
+  ASSERT_TRUE(refused.usable());
+  EXPECT_FALSE(set_input(refused, c));
+}
+
 TEST(Hostile, RangesAndRoundingsOutOfBoundsAreRefused) {
   const ConvCase c = small_case();
   const Holder op(function<ConvCreate>(kConvCreate)(1));
