@@ -1,7 +1,16 @@
 // The driver of the processor run modes; the arithmetic belongs to the layers.
 #include "graph/cpu_backend.h"
 
+#include <memory>
+
+#include "graph/fixed_point_library.h"
+
 namespace ravu {
+namespace {
+
+constexpr std::uint32_t kFixedPointMode = 3;
+
+}  // namespace
 
 bool setup_cpu(Network& network, std::uint32_t mode) {
   network.layout = kInterleaved;
@@ -9,6 +18,10 @@ bool setup_cpu(Network& network, std::uint32_t mode) {
     to_interleaved(*network.mean, network.input_height * network.input_width,
                    network.input_channels);
     network.mean->layout = kInterleaved;
+  }
+  auto& library = network.workspace.fixed_point;
+  if (mode == kFixedPointMode && !library) {
+    library = std::make_shared<const FixedPointLibrary>(load_fixed_point_library());
   }
   for (const auto& layer : network.layers) {
     layer->Setup(static_cast<std::int32_t>(mode), network.params);

@@ -136,6 +136,10 @@ void convolve(const ConvSizes& s, const float* input, const float* weights, cons
   }
 }
 
+std::size_t blas_threads() {
+  return static_cast<std::size_t>(std::max(openblas_get_num_threads(), 1));
+}
+
 void multiply(const float* weights, const float* input, float* output, std::size_t batch,
               std::size_t features, std::size_t outputs) {
   const auto m = static_cast<blasint>(outputs);
