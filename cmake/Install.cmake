@@ -1,8 +1,12 @@
-# Installs the shared library, its header and what other projects find it by: a CMake package and a
+# Installs the shared libraries, the engine's header and what other projects find it by: a CMake package and a
 # pkg-config file. Both name everything relative to themselves, so the installed tree can be moved.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS ravu EXPORT ravuTargets)
+if(RAVU_BUILD_FIXPOINT)
+  # Beside the engine, which looks there for it.
+  install(TARGETS ravu_fixpoint)
+endif()
 install(DIRECTORY include/ravu DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 set(RAVU_CMAKE_FOLDER ${CMAKE_INSTALL_LIBDIR}/cmake/ravu)

@@ -14,7 +14,7 @@ import sys
 from pathlib import Path
 
 FOLDERS = ["api", "model", "layers", "graph", "kernels"]
-INTERFACES = {"cldnn": {"layers", "graph"}, "fixpoint": {"layers"}}
+INTERFACES = {"cldnn": {"layers", "graph"}, "fixpoint": {"layers", "graph"}}
 SUFFIXES = {".h", ".hpp", ".c", ".cpp"}
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.MULTILINE)
 

@@ -11,6 +11,7 @@ build=(
   g++ cmake ninja-build pkg-config  # compiler and build
   libopenblas-dev                   # matrix products
   libhwy-dev                        # vector code for every processor from one source
+  libdnnl-dev                       # integer products of the fixed-point library
   libcli11-dev                      # command lines of the ravu program
   nlohmann-json3-dev                # its --json output
   libpng-dev libjpeg62-turbo-dev    # its pictures
@@ -23,7 +24,7 @@ test=(
   python3-pil                               # pictures in those tests
   python3-venv                              # a place for what requirements-test.txt names
 )
-check=(clang-format clang-tidy gcovr libbenchmark-dev)
+check=(clang-format clang-tidy gcovr libbenchmark-dev libomp-dev)
 
 case "${1:-build}" in
   build) wanted=("${build[@]}") ;;

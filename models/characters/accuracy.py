@@ -25,6 +25,7 @@ def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("ravu", help="the ravu program")
     parser.add_argument("--count", type=int, default=2000, help="held-out pictures to measure on")
+    parser.add_argument("--mode", type=int, default=0, help="run mode of the engine")
     parser.add_argument("--model", type=Path, default=MODEL_PATH, help="the model file")
     options = parser.parse_args()
     with tempfile.TemporaryDirectory() as folder:
@@ -32,7 +33,7 @@ def main() -> None:
         pairs = Counter()
         for start in range(0, len(paths), BATCH):
             batch = paths[start : start + BATCH]
-            pairs.update(zip(map(true_label, batch), classify(options.ravu, options.model, batch)))
+            pairs.update(zip(map(true_label, batch), classify(options, batch)))
     report(pairs)
 
 
@@ -40,9 +41,11 @@ def true_label(path: Path) -> str:
     return path.stem.split("_")[1]
 
 
-def classify(ravu: str, model: Path, paths: list[Path]) -> list[str]:
+def classify(options: argparse.Namespace, paths: list[Path]) -> list[str]:
     """The program's best label for each picture. Exits when the program fails or skips pictures."""
-    command = [ravu, "classify", str(model), *map(str, paths), "--json"]
+    ravu = options.ravu
+    command = [ravu, "classify", str(options.model), *map(str, paths), "--json"]
+    command += ["--mode", str(options.mode)]
     result = subprocess.run(command, stdout=subprocess.PIPE, text=True, check=False)
     if result.returncode:
         raise SystemExit(f"{ravu} classify failed with status {result.returncode}")

@@ -1,5 +1,5 @@
-// Scratch memory and worker threads that all layers of a network share. Layers run one after
-// another, so one area as large as the hungriest layer's wish serves them all.
+// What all layers of a network share: scratch memory, worker threads and the fixed-point library.
+// Layers run one after another, so one area as large as the hungriest layer's wish serves them all.
 #pragma once
 
 #include <cstddef>
@@ -9,8 +9,13 @@
 
 namespace ravu {
 
+struct FixedPointLibrary;
+
 class Workspace {
  public:
+  // Null until a set-up for run mode 3 has looked for it.
+  std::shared_ptr<const FixedPointLibrary> fixed_point;
+
   // Makes room for `floats` floats, aligned to 64 bytes; called in Setup and Reshape. Never
   // shrinks. Throws std::bad_alloc.
   void reserve(std::size_t floats);

@@ -1,9 +1,17 @@
 // The driver of the processor run modes; the arithmetic belongs to the layers.
 #include "graph/cpu_backend.h"
 
+#include <memory>
 #include <new>
 
+#include "graph/fixed_point_library.h"
+
 namespace ravu {
+namespace {
+
+constexpr std::uint32_t kFixedPointMode = 3;
+
+}  // namespace
 
 bool setup_cpu(Network& network, std::uint32_t mode) {
   network.layout = kInterleaved;
@@ -11,6 +19,10 @@ bool setup_cpu(Network& network, std::uint32_t mode) {
     to_interleaved(*network.mean, network.input_height * network.input_width,
                    network.input_channels);
     network.mean->layout = kInterleaved;
+  }
+  auto& library = network.workspace.fixed_point;
+  if (mode == kFixedPointMode && !library) {
+    library = std::make_shared<const FixedPointLibrary>(load_fixed_point_library());
   }
   network.workspace.workers().set_threads(kernels::blas_threads());
   std::uint64_t bytes = network.storage_bytes();

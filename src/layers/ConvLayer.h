@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "graph/BaseLayer.h"
+#include "graph/fixed_point_library.h"
 #include "kernels/conv_plan.h"
 #include "kernels/kernels.h"
 
@@ -27,6 +28,7 @@ class ConvLayer : public BaseLayer {
   std::int32_t groups = 1;
   std::int32_t output_channels = 0;  // of one group
   bool has_bias = false;
+  std::vector<FixedPointOperator> operators;  // one per group; empty until set up for run mode 3
 
   bool Forward(std::uint32_t mode) override;
   bool Setup(std::int32_t mode, std::vector<BlobPtr>& params) override;

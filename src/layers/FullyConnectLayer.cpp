@@ -6,6 +6,7 @@
 
 #include "graph/Workspace.h"
 #include "kernels/kernels.h"
+#include "kernels/workers.h"
 
 namespace ravu {
 namespace {
@@ -71,8 +72,64 @@ void forward_float(FullyConnectLayer& layer) {
   }
 }
 
-void forward_fixed_point(FullyConnectLayer&) {
-  std::fputs("FC fixpointfcop_ not initialized\n", stderr);
+// The bias that the operator adds: one value per output. Any other count is added here.
+const float* operator_bias(const FullyConnectLayer& layer) {
+  const bool usual = layer.has_bias && layer.bias && layer.bias->count == layer.weights->dims[0];
+  return usual ? layer.bias->data : nullptr;
+}
+
+// Makes the operator, once; it stays away when the library or the weights are not there, or the
+// library refuses it.
+void prepare_operator(FullyConnectLayer& layer) {
+  const FixedPointLibrary* library = layer.workspace->fixed_point.get();
+  if (library == nullptr || !*library) return;
+  if (!layer.fixed_point) {
+    if (!layer.weights || layer.weights->data == nullptr || !fits(layer)) return;
+    const auto& dims = layer.weights->dims;
+    FixedPointOperator made(library->fully_connect_create(fixpoint::kVersion), library->destroy);
+    if (!library->fully_connect_configure(made.get(), static_cast<std::int32_t>(dims[0]),
+                                          static_cast<std::int32_t>(dims[1]), layer.weights->data,
+                                          operator_bias(layer), /*reserved=*/false) ||
+        !library->fully_connect_finish(made.get(), kFixedPointWeightRange)) {
+      return;
+    }
+    layer.fixed_point = std::move(made);
+  }
+  const auto threads = static_cast<std::int32_t>(kernels::blas_threads());
+  library->set_threads(layer.fixed_point.get(), threads);
+}
+
+// The operator keeps its own weights, yet it runs only while the layer's stand as it was given
+// them.
+bool fixed_point_ready(const FullyConnectLayer& layer) {
+  if (!layer.weights || layer.weights->data == nullptr || !layer.weights_transposed ||
+      layer.weights->layout != kInterleaved || !has_data(layer) || !fits(layer)) {
+    return false;
+  }
+  const std::uint64_t batch = last_input(layer)->dims[0];
+  return batch * layer.weights->dims[0] <= last_output(layer)->count;
+}
+
+void forward_fixed_point(FullyConnectLayer& layer) {
+  if (!layer.fixed_point) {
+    std::fputs("FC fixpointfcop_ not initialized\n", stderr);
+    return;
+  }
+  if (!fixed_point_ready(layer)) return;
+  const FixedPointLibrary& library = *layer.workspace->fixed_point;
+  const Blob& input = *last_input(layer);
+  Blob& output = *last_output(layer);
+  fixpoint::Operator* op = layer.fixed_point.get();
+  if (!library.fully_connect_set_input(op, static_cast<std::int32_t>(input.dims[0]),
+                                       static_cast<std::int32_t>(layer.weights->dims[1]),
+                                       input.data, kFixedPointInputRange) ||
+      !library.fully_connect_run(op, output.data, kFixedPointRounding)) {
+    return;
+  }
+  if (layer.has_bias && layer.bias && operator_bias(layer) == nullptr) {
+    kernels::add_bias(output.data, 1, output.count, output.count, layer.bias->data,
+                      layer.bias->count, 0);
+  }
 }
 
 }  // namespace
@@ -113,6 +170,7 @@ bool FullyConnectLayer::Setup(std::int32_t mode, std::vector<BlobPtr>&) {
   if (weights && weights->data != nullptr && last_input(*this) != nullptr) {
     turn_weights(*this, /*transposed=*/mode == kFixedPointMode);
   }
+  if (mode == kFixedPointMode) prepare_operator(*this);
   return true;
 }
 
@@ -121,6 +179,7 @@ void FullyConnectLayer::Reshape() {
 }
 
 void FullyConnectLayer::ReleaseWeights() {
+  fixed_point.reset();
   weights.reset();
   bias.reset();
 }

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "graph/BaseLayer.h"
+#include "graph/fixed_point_library.h"
 
 namespace ravu {
 
@@ -15,6 +16,7 @@ class FullyConnectLayer : public BaseLayer {
   bool has_bias = false;
   // True: one row per output, dims (outputs, features). False: one row per feature.
   bool weights_transposed = false;
+  FixedPointOperator fixed_point{nullptr, nullptr};  // null until set up for run mode 3
 
   bool Forward(std::uint32_t mode) override;
   bool Setup(std::int32_t mode, std::vector<BlobPtr>& params) override;

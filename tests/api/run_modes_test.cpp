@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <memory>
 #include <new>
 #include <stdexcept>
 #include <string>
 
+#include "graph/fixed_point_library.h"
 #include "support/handles.h"
 
 namespace ravu::test {
@@ -26,6 +28,11 @@ Dictionary pointwise(const char* input, const char* output, float factor) {
       .add("padding", 0)
       .add("has_bias", 0)
       .add("kernels", tensor({1, 1, 1, 1}, {factor}));
+}
+
+// As if the fixed-point library were nowhere, whether or not it is.
+void hide_fixed_point_library(const Handle& handle) {
+  handle.network().workspace.fixed_point = std::make_shared<const FixedPointLibrary>();
 }
 
 // A layer that finds no memory.
@@ -96,6 +103,7 @@ TEST(RunMode, FixedPointWithoutItsLibrarySaysWhichOperatorIsNotInitialised) {
   model.add_layer(pointwise("data", "mixed", 1));
   model.add_layer(neuron("mixed", "scores", 4, 1, {1, 1, 1, 1}, {0}));
   const Handle handle(model);
+  hide_fixed_point_library(handle);
   ASSERT_TRUE(ravu_setup_runEngine(handle, RAVU_MODE_FIXED_POINT));
   CaptureStderr();
   EXPECT_EQ(run(handle, {1, 2, 3, 4}, RAVU_MODE_FIXED_POINT), (std::vector<float>{0}));

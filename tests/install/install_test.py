@@ -2,7 +2,7 @@
 found by CMake, once by pkg-config, each from C and from C++.
 
 usage: install_test.py --build FOLDER --source FOLDER --model FILE --libdir lib --cc CC --cxx CXX
-                       [--flags FLAGS]
+                       [--flags FLAGS] [--fixed-point]
 """
 
 import argparse
@@ -24,6 +24,8 @@ def arguments():
     parser.add_argument("--cc", required=True)
     parser.add_argument("--cxx", required=True)
     parser.add_argument("--flags", default="", help="for compiling and linking, say -fsanitize=...")
+    parser.add_argument("--fixed-point", action="store_true",
+                        help="whether the fixed-point library and the program were built too")
     return parser.parse_args()
 
 
@@ -87,6 +89,14 @@ def check_with_pkg_config(options, work, prefix):
         run(program, options.model, env=environment)
 
 
+def check_fixed_point(options, prefix):
+    """The program finds the library where it was moved to."""
+    library = "libravu_fixpoint.so"
+    assert (prefix / options.libdir / library).exists(), f"{library} was not installed"
+    run(prefix / "bin/ravu", "bench", options.model, "--mode", 3, "--repeats", 1,
+        stdout=subprocess.DEVNULL)
+
+
 def main():
     options = arguments()
     with tempfile.TemporaryDirectory(prefix="ravu_install_") as folder:
@@ -95,6 +105,8 @@ def main():
         check_files(options, first, prefix)
         check_with_cmake(options, work, prefix)
         check_with_pkg_config(options, work, prefix)
+        if options.fixed_point:
+            check_fixed_point(options, prefix)
 
 
 if __name__ == "__main__":

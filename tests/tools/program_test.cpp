@@ -96,9 +96,6 @@ TEST(Program, ARunModeThatCannotBeHadIsOneLine) {
     EXPECT_THAT(lines_of(outcome.err), SizeIs(1));
     EXPECT_THAT(outcome.err, StartsWith(std::string("ravu: run mode ") + mode + ": failed to "));
   }
-  expect_failure(
-      run_ravu({"bench", model.path(), "--mode", "3"}),
-      "ravu: run mode 3: this version of ravu has no fixed-point library; use run mode 0");
 }
 
 TEST(Program, TheEnginesNoticesStayOffStandardOutput) {

@@ -15,6 +15,7 @@
 
 #include "api/handle.h"
 #include "common/failure.h"
+#include "graph/fixed_point_library.h"
 #include "layers/ConvLayer.h"
 #include "layers/DetectionOutputLayer.h"
 #include "layers/FullyConnectLayer.h"
@@ -56,7 +57,7 @@ class OutputToStderr {
   int saved_;
 };
 
-// Whether the fixed-point mode would have to leave layers without their operator.
+// Whether the network has layers that need the fixed-point library in its run mode.
 bool needs_fixed_point(const Network& network) {
   for (const auto& layer : network.layers) {
     if (dynamic_cast<const ConvLayer*>(layer.get()) != nullptr ||
@@ -109,9 +110,6 @@ std::uint32_t threads_in_use() {
 
 void set_up(Network& network, std::uint32_t mode) {
   const std::string name = "run mode " + std::to_string(mode);
-  if (mode == RAVU_MODE_FIXED_POINT && needs_fixed_point(network)) {
-    throw Failure(name + ": this version of ravu has no fixed-point library; use run mode 0");
-  }
   bool prepared = false;
   try {
     prepared = ravu_setup_runEngine(to_handle(&network), mode);
@@ -119,6 +117,10 @@ void set_up(Network& network, std::uint32_t mode) {
     throw Failure(name + ": " + error.what());
   }
   if (!prepared) throw Failure(name + " cannot be set up: not provided, or out of memory");
+  if (mode == RAVU_MODE_FIXED_POINT && needs_fixed_point(network) &&
+      !*network.workspace.fixed_point) {
+    throw Failure(name + ": " + network.workspace.fixed_point->problem);
+  }
 }
 
 std::vector<float> seeded_pixels(std::size_t n, unsigned seed) {

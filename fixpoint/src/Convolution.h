@@ -1,0 +1,46 @@
+// A convolution operator: each image is quantised into a padded picture of bytes, so that the
+// primitive below sees no padding; its sums land in the output and become floats there.
+#pragma once
+
+#include <vector>
+
+#include "Operator.h"
+
+namespace ravu::fixpoint {
+
+// The arguments of configure, in its order.
+struct ConvSizes {
+  std::int32_t output_channels, input_channels;
+  std::int32_t kernel_h, kernel_w;
+  std::int32_t stride_h, stride_w;
+  std::int32_t dilation_h, dilation_w;
+  std::int32_t pad_h, pad_w;
+};
+
+class Convolution : public Operator {
+ public:
+  bool configure(const ConvSizes& sizes, const float* weights, const float* bias);
+  bool finish(float range);
+  bool set_input(std::int32_t batch, std::int32_t channels, std::int32_t width, std::int32_t height,
+                 const float* data, float range);
+  bool run(float* output, float rounding);
+
+ private:
+  void quantise_image(const float* image, float factor, float rounding, bool signs);
+  // One row of the picture from a row of the image; null: all padding.
+  void quantise_row(const float* row, const Quantiser& to_bytes, std::uint8_t* bytes) const;
+  // n pixels of it, from column x of the image on.
+  void quantise_pixels(const float* row, std::int64_t x, std::int64_t n, const Quantiser& to_bytes,
+                       std::uint8_t* bytes) const;
+
+  ConvSizes sizes_{};
+  const float* weights_ = nullptr;  // until finish
+  std::vector<float> bias_;
+  std::int64_t batch_ = 0, height_ = 0, width_ = 0;
+  ImageSizes padded_{};
+  const float* input_ = nullptr;  // until run
+  float range_ = 0;
+  std::vector<std::uint8_t> bytes_;
+};
+
+}  // namespace ravu::fixpoint
