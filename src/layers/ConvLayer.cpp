@@ -49,14 +49,6 @@ bool weights_hold(const ConvLayer& layer, std::uint64_t per_group) {
   return true;
 }
 
-bool has_weights(const ConvLayer& layer) {
-  if (layer.weights.empty()) return false;
-  for (const BlobPtr& blob : layer.weights) {
-    if (!blob || blob->data == nullptr) return false;
-  }
-  return true;
-}
-
 std::uint64_t weights_per_group(const ConvLayer& layer, const kernels::ConvSizes& sizes) {
   return std::uint64_t{kernels::patch_floats(sizes)} *
          static_cast<std::uint64_t>(layer.output_channels);
@@ -76,16 +68,6 @@ void reserve_scratch(ConvLayer& layer) {
   const Blob* output = last_output(layer);
   if (input == nullptr || output == nullptr || !fits(layer)) return;
   layer.workspace->reserve(kernels::conv_scratch_floats(conv_sizes(layer, *input, *output)));
-}
-
-void interleave_weights(ConvLayer& layer) {
-  for (const BlobPtr& blob : layer.weights) {
-    if (!blob || blob->layout != kPlanar) continue;
-    to_interleaved(*blob, static_cast<std::uint32_t>(layer.kernel_h * layer.kernel_w),
-                   blob->dims[0]);
-    blob->layout = kInterleaved;
-    layer.kernels_transposed = true;
-  }
 }
 
 void forward_float(ConvLayer& layer) {
@@ -134,6 +116,24 @@ kernels::ConvSizes conv_sizes(const ConvLayer& l, const Shape& input, const Shap
           .kernels = size(l.output_channels),
           .out_channels = size(l.output_channels) * size(l.groups),
           .out_image = size(output.dims[1]) * output.dims[2] * output.dims[3]};
+}
+
+bool has_weights(const ConvLayer& layer) {
+  if (layer.weights.empty()) return false;
+  for (const BlobPtr& blob : layer.weights) {
+    if (!blob || blob->data == nullptr) return false;
+  }
+  return true;
+}
+
+void interleave_weights(ConvLayer& layer) {
+  for (const BlobPtr& blob : layer.weights) {
+    if (!blob || blob->layout != kPlanar) continue;
+    to_interleaved(*blob, static_cast<std::uint32_t>(layer.kernel_h * layer.kernel_w),
+                   blob->dims[0]);
+    blob->layout = kInterleaved;
+    layer.kernels_transposed = true;
+  }
 }
 
 Fit fits(const ConvLayer& l) {

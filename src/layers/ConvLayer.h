@@ -26,6 +26,8 @@ class ConvLayer : public BaseLayer {
   bool has_bias = false;
 
   bool Forward(std::uint32_t mode) override;
+  void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                     std::uint32_t data_type, Aliases& aliases) override;
   bool Setup(std::int32_t mode, std::vector<BlobPtr>& params) override;
   void Reshape() override;
   void ReleaseWeights() override;
@@ -37,6 +39,12 @@ std::optional<Shape> conv_record_shape(const ConvLayer& layer, const Shape& inpu
 
 // What the processor path computes on this input; meaningful when `fits`.
 kernels::ConvSizes conv_sizes(const ConvLayer& layer, const Shape& input, const Shape& output);
+
+// Whether every group has its weights.
+bool has_weights(const ConvLayer& layer);
+
+// Brings weights whose rows are stored channel after channel into the order above.
+void interleave_weights(ConvLayer& layer);
 
 Fit fits(const ConvLayer& layer);
 
