@@ -26,6 +26,12 @@ inline bool operator==(const GpuShape& a, const GpuShape& b) {
          a.format == b.format;
 }
 
+// A size as clDNN holds it; what is negative or too large becomes 0 or the largest size there is.
+std::int32_t to_size(std::int64_t size);
+
+// A tensor that pads nothing.
+cldnn_tensor no_padding();
+
 // A tensor of these sizes, ones in its unused entries.
 cldnn_tensor make_tensor(std::int32_t batch, std::int32_t feature, std::int32_t x, std::int32_t y);
 

@@ -10,16 +10,6 @@ namespace {
 
 constexpr const char* kAddFailed = "primitive add failed";
 
-// A tensor that pads nothing.
-cldnn_tensor no_padding() {
-  cldnn_tensor tensor{1, 1, 2, {}};
-  return tensor;
-}
-
-std::int32_t as_size(std::uint32_t dim) {
-  return static_cast<std::int32_t>(std::min(dim, kMaxCount));
-}
-
 std::string with_number(const std::string& base, std::size_t number) {
   return base + "_" + std::to_string(number);
 }
@@ -35,24 +25,6 @@ std::size_t elements(const GpuShape& shape) {
 }
 
 }  // namespace
-
-cldnn_tensor make_tensor(std::int32_t batch, std::int32_t feature, std::int32_t x, std::int32_t y) {
-  return {1, 1, 2, {batch, feature, x, y, 1, 1, 1, 1}};
-}
-
-cldnn_layout make_layout(const GpuShape& shape, std::uint32_t data_type) {
-  cldnn_layout layout{};
-  layout.data_type = data_type;
-  layout.format = shape.format;
-  layout.size = make_tensor(shape.batch, shape.feature, shape.x, shape.y);
-  layout.padding.lower = layout.padding.upper = no_padding();
-  return layout;
-}
-
-GpuShape shape_of(const Shape& shape) {
-  return {as_size(shape.dims[0]), as_size(shape.dims[3]), as_size(shape.dims[2]),
-          as_size(shape.dims[1]), CLDNN_FORMAT_YXFB};
-}
 
 std::string resolve(const Aliases& aliases, std::string name) {
   for (auto found = aliases.find(name); found != aliases.end(); found = aliases.find(name)) {
@@ -159,7 +131,7 @@ std::string PrimitiveBuilder::planar_rows(std::size_t index) {
   const Blob& blob = *input_blobs_[index];
   GpuShape rows = shape(inputs_[index]);
   if (rows.format == CLDNN_FORMAT_BFYX) return inputs_[index];
-  rows = {as_size(blob.dims[0]), as_size(blob.dims[0] == 0 ? 0 : blob.count / blob.dims[0]), 1, 1,
+  rows = {to_size(blob.dims[0]), to_size(blob.dims[0] == 0 ? 0 : blob.count / blob.dims[0]), 1, 1,
           rows.format};
   const std::string flat = reshaped(inputs_[index], rows);
   rows.format = CLDNN_FORMAT_BFYX;

@@ -85,9 +85,9 @@ void ConcatLayer::AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl
     if (i == 0) {
       shape = next;
     } else if (shape.format == CLDNN_FORMAT_BFYX) {
-      shape.y += next.y;
+      shape.y = to_size(std::int64_t{shape.y} + next.y);
     } else {
-      shape.feature += next.feature;
+      shape.feature = to_size(std::int64_t{shape.feature} + next.feature);
     }
   }
   cldnn_concatenation_desc concatenation{};

@@ -53,7 +53,7 @@ std::int32_t size_along(std::int32_t input, std::int32_t pad, std::int32_t kerne
                         std::int32_t stride, std::int32_t dilation) {
   const std::int64_t extent = std::int64_t{dilation} * (kernel - 1) + 1;
   const std::int64_t room = std::max<std::int64_t>(input + 2 * std::int64_t{pad} - extent, 0);
-  return static_cast<std::int32_t>(room / stride) + 1;
+  return to_size(room / stride + 1);
 }
 
 std::vector<cldnn_id> pointers(const std::vector<std::string>& ids) {

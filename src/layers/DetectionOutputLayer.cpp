@@ -14,7 +14,6 @@ namespace ravu {
 namespace {
 
 constexpr std::int32_t kRowFloats = 7;
-constexpr std::int64_t kMaxRows = kMaxCount / kRowFloats;
 
 bool holds(const Blob& blob, std::int64_t images, std::int64_t priors, std::int64_t classes,
            std::int64_t values) {
@@ -257,8 +256,7 @@ void DetectionOutputLayer::AddPrimitives(cldnn_topology_impl* topology, cldnn_en
   detection.confidence_threshold =
       no_label_counts(*this) ? std::numeric_limits<float>::max() : confidence_threshold;
   const std::int64_t rows = std::int64_t{keep_top_k} * builder.shape(ids[0]).batch;
-  const GpuShape table{1, 1, kRowFloats, static_cast<std::int32_t>(std::min(rows, kMaxRows)),
-                       CLDNN_FORMAT_BFYX};
+  const GpuShape table{1, 1, kRowFloats, to_size(rows), CLDNN_FORMAT_BFYX};
   builder.add(cldnn::Kind::kDetectionOutput, detection.header, ids, table);
 }
 

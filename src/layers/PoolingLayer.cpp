@@ -31,7 +31,7 @@ kernels::PoolingSizes sizes_of(const PoolingLayer& l, const Blob& input, const B
 // clDNN's output size, without padding.
 std::int32_t windows_along(std::int32_t input, std::int32_t window, std::int32_t stride) {
   const std::int64_t room = std::max<std::int64_t>(std::int64_t{input} - window, 0);
-  return static_cast<std::int32_t>((room + stride - 1) / stride) + 1;
+  return to_size((room + stride - 1) / stride + 1);
 }
 
 }  // namespace

@@ -168,11 +168,11 @@ void PriorBoxLayer::AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_im
   PrimitiveBuilder::require(fits(*this));
   PrimitiveBuilder builder(*this, topology, engine, data_type, aliases);
   const std::string map = builder.map(0);
-  const kernels::PriorGrid sizes = grid_of(*this, *inputs.front());
   const std::vector<float> ratios = gpu_ratios(*this);
   cldnn_prior_box_desc boxes{};
-  const auto height = static_cast<std::int32_t>(sizes.image_height);
-  const auto width = static_cast<std::int32_t>(sizes.image_width);
+  const bool given = image_size_is_given(*this);
+  const auto height = static_cast<std::int32_t>(given ? img_h : inputs[1]->dims[1]);
+  const auto width = static_cast<std::int32_t>(given ? img_w : inputs[1]->dims[2]);
   boxes.image_size = make_tensor(height, height, width, height);
   std::fill_n(boxes.image_size.sizes + 4, 4, height);
   boxes.min_sizes = {min_sizes.data(), min_sizes.size()};
@@ -185,9 +185,9 @@ void PriorBoxLayer::AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_im
   boxes.step_height = static_cast<float>(static_cast<std::int32_t>(step_h));
   boxes.offset = offset;
   const std::size_t per_cell = ratios.size() * min_sizes.size() + boxes.max_sizes.size;
-  const auto row = static_cast<std::int32_t>(cells(*inputs.front()) * per_cell * 4);
+  const std::uint64_t row = cells(*inputs.front()) * per_cell * 4;
   builder.add(cldnn::Kind::kPriorBox, boxes.header, {map},
-              GpuShape{1, 2, 1, row, CLDNN_FORMAT_BFYX});
+              GpuShape{1, 2, 1, to_size(static_cast<std::int64_t>(row)), CLDNN_FORMAT_BFYX});
 }
 
 void PriorBoxLayer::Reshape() {}
