@@ -15,6 +15,7 @@ build=(
   libcli11-dev                      # command lines of the ravu program
   nlohmann-json3-dev                # its --json output
   libpng-dev libjpeg62-turbo-dev    # its pictures
+  ocl-icd-opencl-dev                # OpenCL, for the provider of the GPU run modes
 )
 test=(
   libgtest-dev libgmock-dev                 # unit tests
@@ -22,6 +23,7 @@ test=(
   binutils                                  # nm: the test of the exported symbols
   python3 python3-numpy python3-pytest      # the Python side and its tests
   python3-pil                               # pictures in those tests
+  pocl-opencl-icd                           # an OpenCL device made of the processor
   python3-venv                              # a place for what requirements-test.txt names
 )
 check=(clang-format clang-tidy gcovr libbenchmark-dev libomp-dev)

@@ -1,5 +1,6 @@
 // The exported functions but those for input: check the handle, forward, convert the result.
 #include <cstdio>
+#include <memory>
 
 #include "api/handle.h"
 #include "graph/cpu_backend.h"
@@ -43,7 +44,8 @@ void ravu_save_network_to_private(ravu_network* network, const char* path, bool 
 }
 
 void ravu_destroy_network(ravu_network* network) {
-  delete to_network(network);
+  const std::unique_ptr<Network> owner(to_network(network));
+  if (owner) owner->release();
 }
 
 uint32_t ravu_get_network_inputSize(ravu_network* network) {
@@ -79,6 +81,11 @@ void ravu_forward(ravu_network* network, uint32_t mode) {
   if (mode == RAVU_MODE_CPU || mode == RAVU_MODE_FIXED_POINT) {
     or_fallback(false, [&] {
       forward_cpu(*to_network(network), mode);
+      return true;
+    });
+  } else if (mode == RAVU_MODE_GPU || mode == RAVU_MODE_GPU_KEEP) {
+    or_fallback(false, [&] {
+      forward_gpu(*to_network(network));
       return true;
     });
   } else if (mode == RAVU_MODE_RESERVED) {

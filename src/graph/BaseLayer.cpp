@@ -85,6 +85,10 @@ Blob* last_output(const BaseLayer& layer) {
   return layer.outputs.empty() ? nullptr : layer.outputs.back();
 }
 
+bool is_wired(const BaseLayer& layer) {
+  return !layer.inputs.empty() && !layer.outputs.empty();
+}
+
 bool has_data(const BaseLayer& layer) {
   const Blob* input = last_input(layer);
   const Blob* output = last_output(layer);

@@ -17,6 +17,7 @@ struct cldnn_engine_impl;
 namespace ravu {
 
 class Workspace;
+struct GpuGraph;
 
 // Blob name to clDNN primitive identifier.
 using Aliases = std::map<std::string, std::string>;
@@ -41,6 +42,7 @@ class BaseLayer {
   std::uint32_t owned_count = 0;
   bool prepared = false;           // whether a Setup has run
   Workspace* workspace = nullptr;  // the network's scratch memory; set by Network::add_layer
+  GpuGraph* gpu = nullptr;         // what a GPU set-up has added; set before AddPrimitives
 
   // Gives back the storage of every owned Blob; the records are the network's.
   virtual ~BaseLayer();
@@ -49,7 +51,8 @@ class BaseLayer {
   // storage, weights or shapes are not there. The result is true unless a class says otherwise.
   virtual bool Forward(std::uint32_t mode);
 
-  // Adds the layer's clDNN primitives to the topology.
+  // Adds the layer's clDNN primitives to the topology. Raises cldnn::error. A layer without inputs
+  // or without outputs adds none.
   virtual void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
                              std::uint32_t data_type, Aliases& aliases);
 
@@ -79,6 +82,9 @@ class BaseLayer {
 // Single-input, single-output layers use the last of each list; null when there is none.
 Blob* last_input(const BaseLayer& layer);
 Blob* last_output(const BaseLayer& layer);
+
+// Whether the layer has an input and an output at all.
+bool is_wired(const BaseLayer& layer);
 
 // Whether the layer has been set up and its last input and last output hold data.
 bool has_data(const BaseLayer& layer);

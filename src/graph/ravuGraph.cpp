@@ -80,6 +80,12 @@ std::unordered_map<const Blob*, std::uint32_t> count_in_place_reads(const Networ
   return reads;
 }
 
+void release_handles(GpuHandles& handles) {
+  handles.topology.release();
+  handles.gpu_network.release();
+  handles.engine.release();
+}
+
 }  // namespace
 
 void Network::set_input(BlobPtr blob) {
@@ -167,6 +173,10 @@ void Network::release_weights() {
 void Network::release() {
   mean.reset();
   if (input) free_storage(*input);
+  release_handles(gpu_handles);
+  for (; !earlier_gpu_handles.empty(); earlier_gpu_handles.pop_back()) {
+    release_handles(earlier_gpu_handles.back());
+  }
   while (!layers.empty()) layers.pop_back();
   while (!params.empty()) params.pop_back();
   for (; !labels.empty(); labels.pop_back()) delete[] labels.back();

@@ -11,12 +11,22 @@
 
 #include "graph/BaseLayer.h"
 #include "graph/Blob.h"
+#include "graph/GpuGraph.h"
 #include "graph/Workspace.h"
+#include "graph/cldnn_handles.h"
 
 namespace ravu {
 
 // Bytes of memory that this machine has.
 std::uint64_t machine_memory();
+
+// What a GPU set-up makes. The objects are released in the order of the fields.
+struct GpuHandles {
+  cldnn::LibraryPtr library;  // that the objects belong to
+  cldnn::Topology topology;
+  cldnn::GpuNetwork gpu_network;
+  cldnn::Engine engine;
+};
 
 struct Network {
   std::uint32_t input_width = 0;  // the model's "input_size", as is input_height
@@ -25,6 +35,9 @@ struct Network {
   std::uint32_t image_height = 0;
   std::uint32_t input_channels = 0;
   std::map<std::string, Blob*, std::less<>> blobs_by_name;  // the input and every layer output
+  GpuHandles gpu_handles;                                   // empty until a GPU set-up
+  std::vector<GpuHandles> earlier_gpu_handles;              // of GPU set-ups before the last one
+  GpuGraph gpu;                                             // of the last GPU set-up
   std::uint32_t data_type = 0;                              // clDNN's code, set by a GPU set-up
   Aliases aliases;
   std::uint32_t layout = kInterleaved;             // of input and mean; every set-up clears it
@@ -77,7 +90,8 @@ struct Network {
   // Releases the parameter Blobs, last to first, then every layer's weights.
   void release_weights();
 
-  // Releases everything; the network is empty afterwards.
+  // Releases everything; the network is empty afterwards. Raises cldnn::error when clDNN refuses to
+  // release something; what is left then goes with the network.
   void release();
 };
 

@@ -2,7 +2,10 @@
 #include "layers/BatchNormLayer.h"
 
 #include <algorithm>
+#include <string>
+#include <vector>
 
+#include "graph/PrimitiveBuilder.h"
 #include "kernels/kernels.h"
 
 namespace ravu {
@@ -30,6 +33,29 @@ bool BatchNormLayer::Forward(std::uint32_t) {
   kernels::normalise(input->data, output->data, output->count, mean->data, reciprocals.data(),
                      channels);
   return true;
+}
+
+void BatchNormLayer::AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                                   std::uint32_t data_type, Aliases& aliases) {
+  if (!is_wired(*this)) return;
+  PrimitiveBuilder::require(fits(*this));
+  PrimitiveBuilder builder(*this, topology, engine, data_type, aliases);
+  const std::string input = builder.map();
+  const GpuShape shape = builder.shape(input);
+  const GpuShape per_channel{.feature = shape.feature};
+  const auto channels = static_cast<std::size_t>(shape.feature);
+  std::vector<float> variances = repeated(*divisor, divisor->dims[3], channels);
+  for (float& value : variances) value *= value;
+  const std::string mean_id = builder.parameter(builder.prefix() + "_mean", per_channel,
+                                                repeated(*mean, divisor->dims[3], channels));
+  const std::string variance_id =
+      builder.parameter(builder.prefix() + "_var", per_channel, variances);
+  cldnn_batch_norm_desc norm{};
+  norm.mean = mean_id.c_str();
+  norm.variance = variance_id.c_str();
+  norm.use_global_statistics = global_statistics;
+  norm.epsilon = epsilon;
+  builder.add(cldnn::Kind::kBatchNorm, norm.header, {input}, shape);
 }
 
 bool BatchNormLayer::Setup(std::int32_t, std::vector<BlobPtr>&) {

@@ -19,6 +19,8 @@ class BatchNormLayer : public BaseLayer {
   std::vector<float> reciprocals;  // 1 / divisor, made by Setup
 
   bool Forward(std::uint32_t mode) override;
+  void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                     std::uint32_t data_type, Aliases& aliases) override;
   bool Setup(std::int32_t mode, std::vector<BlobPtr>& params) override;
   void Reshape() override;
 

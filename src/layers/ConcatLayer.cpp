@@ -4,6 +4,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string>
+#include <vector>
+
+#include "graph/PrimitiveBuilder.h"
 
 namespace ravu {
 namespace {
@@ -66,6 +70,31 @@ bool ConcatLayer::Forward(std::uint32_t) {
     }
   }
   return true;
+}
+
+void ConcatLayer::AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                                std::uint32_t data_type, Aliases& aliases) {
+  if (!is_wired(*this)) return;
+  PrimitiveBuilder::require(fits(*this));
+  PrimitiveBuilder builder(*this, topology, engine, data_type, aliases);
+  std::vector<std::string> ids;
+  GpuShape shape;
+  for (std::size_t i = 0; i < inputs.size(); ++i) {
+    ids.push_back(builder.map(i));
+    const GpuShape& next = builder.shape(ids.back());
+    if (i == 0) {
+      shape = next;
+    } else if (shape.format == CLDNN_FORMAT_BFYX) {
+      shape.y = to_size(std::int64_t{shape.y} + next.y);
+    } else {
+      shape.feature = to_size(std::int64_t{shape.feature} + next.feature);
+    }
+  }
+  cldnn_concatenation_desc concatenation{};
+  // The channels of prior boxes, which are in bfyx, lie along y.
+  concatenation.axis =
+      shape.format == CLDNN_FORMAT_BFYX ? CLDNN_CONCATENATION_Y : CLDNN_CONCATENATION_F;
+  builder.add(cldnn::Kind::kConcatenation, concatenation.header, ids, shape);
 }
 
 void ConcatLayer::Reshape() {

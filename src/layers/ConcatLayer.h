@@ -12,6 +12,8 @@ class ConcatLayer : public BaseLayer {
   std::uint32_t axis = 3;  // counts the dims: channels
 
   bool Forward(std::uint32_t mode) override;
+  void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                     std::uint32_t data_type, Aliases& aliases) override;
   void Reshape() override;
 };
 

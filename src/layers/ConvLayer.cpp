@@ -54,14 +54,6 @@ bool weights_hold(const ConvLayer& layer, std::uint64_t per_group) {
   return true;
 }
 
-bool has_weights(const ConvLayer& layer) {
-  if (layer.weights.empty()) return false;
-  for (const BlobPtr& blob : layer.weights) {
-    if (!blob || blob->data == nullptr) return false;
-  }
-  return true;
-}
-
 std::uint64_t weights_per_group(const ConvLayer& layer, const kernels::ConvSizes& sizes) {
   return std::uint64_t{kernels::patch_floats(sizes)} *
          static_cast<std::uint64_t>(layer.output_channels);
@@ -103,16 +95,6 @@ void prepare_for_sizes(ConvLayer& layer) {
   if (!layer.plan.suits(sizes, groups)) layer.plan.prepare(sizes, groups);
   layer.workspace->reserve(
       layer.plan.scratch_floats(sizes, groups, layer.workspace->workers().threads()));
-}
-
-void interleave_weights(ConvLayer& layer) {
-  for (const BlobPtr& blob : layer.weights) {
-    if (!blob || blob->layout != kPlanar) continue;
-    to_interleaved(*blob, static_cast<std::uint32_t>(layer.kernel_h * layer.kernel_w),
-                   blob->dims[0]);
-    blob->layout = kInterleaved;
-    layer.kernels_transposed = true;
-  }
 }
 
 void forward_float(ConvLayer& layer) {
@@ -265,6 +247,24 @@ kernels::ConvSizes conv_sizes(const ConvLayer& l, const Shape& input, const Shap
 kernels::ConvForm conv_form(const ConvLayer& layer) {
   return layer.plan.form(conv_sizes(layer, *last_input(layer), *last_output(layer)),
                          groups_of(layer));
+}
+
+bool has_weights(const ConvLayer& layer) {
+  if (layer.weights.empty()) return false;
+  for (const BlobPtr& blob : layer.weights) {
+    if (!blob || blob->data == nullptr) return false;
+  }
+  return true;
+}
+
+void interleave_weights(ConvLayer& layer) {
+  for (const BlobPtr& blob : layer.weights) {
+    if (!blob || blob->layout != kPlanar) continue;
+    to_interleaved(*blob, static_cast<std::uint32_t>(layer.kernel_h * layer.kernel_w),
+                   blob->dims[0]);
+    blob->layout = kInterleaved;
+    layer.kernels_transposed = true;
+  }
 }
 
 Fit fits(const ConvLayer& l) {

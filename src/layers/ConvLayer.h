@@ -31,6 +31,8 @@ class ConvLayer : public BaseLayer {
   std::vector<FixedPointOperator> operators;  // one per group; empty until set up for run mode 3
 
   bool Forward(std::uint32_t mode) override;
+  void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                     std::uint32_t data_type, Aliases& aliases) override;
   bool Setup(std::int32_t mode, std::vector<BlobPtr>& params) override;
   void Reshape() override;
   void ReleaseWeights() override;
@@ -45,6 +47,12 @@ kernels::ConvSizes conv_sizes(const ConvLayer& layer, const Shape& input, const 
 
 // How the layer is computed on its input in run mode 0; meaningful when it has been set up.
 kernels::ConvForm conv_form(const ConvLayer& layer);
+
+// Whether every group has its weights.
+bool has_weights(const ConvLayer& layer);
+
+// Brings weights whose rows are stored channel after channel into the order above.
+void interleave_weights(ConvLayer& layer);
 
 Fit fits(const ConvLayer& layer);
 

@@ -3,6 +3,9 @@
 #include "layers/CropLayer.h"
 
 #include <algorithm>
+#include <string>
+
+#include "graph/PrimitiveBuilder.h"
 
 namespace ravu {
 namespace {
@@ -62,6 +65,21 @@ bool CropLayer::Forward(std::uint32_t) {
     }
   }
   return true;
+}
+
+void CropLayer::AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                              std::uint32_t data_type, Aliases& aliases) {
+  if (!is_wired(*this)) return;
+  PrimitiveBuilder::require(fits(*this));
+  PrimitiveBuilder builder(*this, topology, engine, data_type, aliases);
+  const std::string input = builder.map();
+  GpuShape shape = builder.shape(input);
+  shape.y = static_cast<std::int32_t>(reference_record.dims[0]);
+  shape.x = static_cast<std::int32_t>(reference_record.dims[1]);
+  cldnn_crop_desc crop{};
+  crop.reference_size = make_tensor(shape.batch, shape.feature, shape.x, shape.y);
+  crop.offsets = make_tensor(0, 0, column_offset, row_offset);
+  builder.add(cldnn::Kind::kCrop, crop.header, {input}, shape);
 }
 
 void CropLayer::Reshape() {

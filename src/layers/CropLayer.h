@@ -22,6 +22,8 @@ class CropLayer : public BaseLayer {
                        std::uint32_t layout);
 
   bool Forward(std::uint32_t mode) override;
+  void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                     std::uint32_t data_type, Aliases& aliases) override;
   void Reshape() override;
 };
 

@@ -3,13 +3,17 @@
 #include "layers/DetectionOutputLayer.h"
 
 #include <algorithm>
+#include <limits>
+#include <string>
+#include <vector>
 
+#include "graph/PrimitiveBuilder.h"
 #include "kernels/kernels.h"
 
 namespace ravu {
 namespace {
 
-constexpr std::size_t kRowFloats = 7;
+constexpr std::int32_t kRowFloats = 7;
 
 bool holds(const Blob& blob, std::int64_t images, std::int64_t priors, std::int64_t classes,
            std::int64_t values) {
@@ -165,11 +169,15 @@ void detect_image(DetectionOutputLayer& layer, std::size_t image) {
   limit_image(layer, first);
 }
 
+// Kept: the label of shared locations is -1, and a background of -1 leaves them all out.
+bool no_label_counts(const DetectionOutputLayer& layer) {
+  return layer.share_location && layer.background_label_id == -1;
+}
+
 void detect(DetectionOutputLayer& layer, std::size_t room) {
   auto& detections = layer.work.detections;
   detections.clear();
-  // Kept: the label of shared locations is -1, and a background of -1 leaves them all out.
-  if (layer.share_location && layer.background_label_id == -1) return;
+  if (no_label_counts(layer)) return;
   if (layer.num_priors == 0) return;
   for (std::size_t i = 0; i < layer.inputs[0]->dims[0] && detections.size() < room; ++i) {
     detect_image(layer, i);
@@ -226,6 +234,30 @@ bool DetectionOutputLayer::Forward(std::uint32_t) {
   detect(*this, output.count / kRowFloats);
   write_rows(work.detections, output);
   return true;
+}
+
+void DetectionOutputLayer::AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                                         std::uint32_t data_type, Aliases& aliases) {
+  if (!is_wired(*this)) return;
+  PrimitiveBuilder::require(fits(*this));
+  PrimitiveBuilder builder(*this, topology, engine, data_type, aliases);
+  const std::vector<std::string> ids{builder.planar_rows(0), builder.planar_rows(1),
+                                     builder.planar_rows(2)};
+  cldnn_detection_output_desc detection{};
+  detection.class_count = num_classes;
+  detection.keep_top_k = static_cast<std::uint32_t>(keep_top_k);
+  detection.share_location = share_location;
+  detection.background_label = background_label_id;
+  detection.nms_threshold = nms_threshold;
+  detection.top_k = top_k;
+  detection.eta = eta;
+  detection.code_type = static_cast<std::int32_t>(code_type) - 1;
+  detection.variance_encoded_in_target = variance_encoded_in_target;
+  detection.confidence_threshold =
+      no_label_counts(*this) ? std::numeric_limits<float>::max() : confidence_threshold;
+  const std::int64_t rows = std::int64_t{keep_top_k} * builder.shape(ids[0]).batch;
+  const GpuShape table{1, 1, kRowFloats, to_size(rows), CLDNN_FORMAT_BFYX};
+  builder.add(cldnn::Kind::kDetectionOutput, detection.header, ids, table);
 }
 
 }  // namespace ravu

@@ -52,6 +52,8 @@ class DetectionOutputLayer : public BaseLayer {
   DetectionWork work;
 
   bool Forward(std::uint32_t mode) override;
+  void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                     std::uint32_t data_type, Aliases& aliases) override;
 };
 
 // 1 x 1 x keep_top_k x 7: rows of image, label, score, xmin, ymin, xmax, ymax. No rows when

@@ -1,6 +1,10 @@
 // The weighted sum, once for each output.
 #include "layers/EltWiseLayer.h"
 
+#include <string>
+#include <vector>
+
+#include "graph/PrimitiveBuilder.h"
 #include "kernels/kernels.h"
 
 namespace ravu {
@@ -29,6 +33,33 @@ bool EltWiseLayer::Forward(std::uint32_t) {
                           output->count);
   }
   return true;
+}
+
+void EltWiseLayer::AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                                 std::uint32_t data_type, Aliases& aliases) {
+  if (!is_wired(*this)) return;
+  PrimitiveBuilder::require(fits(*this));
+  PrimitiveBuilder builder(*this, topology, engine, data_type, aliases);
+  std::vector<std::string> ids;
+  for (std::size_t i = 0; i < inputs.size(); ++i) ids.push_back(builder.map(i));
+  if (ids.size() == 1) {
+    builder.alias_output(ids[0]);
+    return;
+  }
+  // Two at a time; what the last pair gives bears the layer's identifier.
+  const GpuShape shape = builder.shape(ids[0]);
+  for (std::size_t i = 1; i < ids.size(); ++i) {
+    cldnn_eltwise_desc pair{};
+    pair.second_input = ids[i].c_str();
+    pair.mode = operation;
+    if (i + 1 == ids.size()) {
+      builder.add(cldnn::Kind::kEltwise, pair.header, {ids[0]}, shape);
+    } else {
+      const std::string part = builder.part_id();
+      builder.add(cldnn::Kind::kEltwise, pair.header, {ids[0]}, shape, part);
+      ids[0] = part;
+    }
+  }
 }
 
 void EltWiseLayer::Reshape() {

@@ -18,6 +18,8 @@ class EltWiseLayer : public BaseLayer {
   std::vector<float> coefficients;  // of the sum, one for each input
 
   bool Forward(std::uint32_t mode) override;
+  void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                     std::uint32_t data_type, Aliases& aliases) override;
   void Reshape() override;
   void ReleaseWeights() override;
 };

@@ -1,6 +1,8 @@
 // Only the shape is this layer's own.
 #include "layers/FlattenLayer.h"
 
+#include "graph/PrimitiveBuilder.h"
+
 namespace ravu {
 
 std::optional<Shape> flatten_shape(const Shape& input) {
@@ -11,6 +13,14 @@ std::optional<Shape> flatten_shape(const Shape& input) {
 Fit fits(const FlattenLayer& layer) {
   if (layer.inputs.empty()) return {"flatten needs an input"};
   return {};
+}
+
+void FlattenLayer::AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                                 std::uint32_t data_type, Aliases& aliases) {
+  if (!is_wired(*this)) return;
+  PrimitiveBuilder::require(fits(*this));
+  PrimitiveBuilder builder(*this, topology, engine, data_type, aliases);
+  builder.alias_output(builder.input());
 }
 
 bool FlattenLayer::Setup(std::int32_t, std::vector<BlobPtr>&) {

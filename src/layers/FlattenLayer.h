@@ -10,6 +10,8 @@ namespace ravu {
 
 class FlattenLayer : public BaseLayer {
  public:
+  void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                     std::uint32_t data_type, Aliases& aliases) override;
   bool Setup(std::int32_t mode, std::vector<BlobPtr>& params) override;
   void Reshape() override;
 };

@@ -42,12 +42,6 @@ void interleave_rows(FullyConnectLayer& layer) {
   layer.weights_transposed = true;
 }
 
-void turn_weights(FullyConnectLayer& layer, bool transposed) {
-  interleave_rows(layer);
-  if (layer.weights_transposed != transposed) transpose(*layer.weights);
-  layer.weights_transposed = transposed;
-}
-
 // The features of an image that the product reads.
 std::uint64_t features(const FullyConnectLayer& layer) {
   const bool per_output = layer.weights_transposed || layer.weights->layout == kPlanar;
@@ -133,6 +127,12 @@ void forward_fixed_point(FullyConnectLayer& layer) {
 }
 
 }  // namespace
+
+void turn_weights(FullyConnectLayer& layer, bool transposed) {
+  interleave_rows(layer);
+  if (layer.weights_transposed != transposed) transpose(*layer.weights);
+  layer.weights_transposed = transposed;
+}
 
 Fit fits(const FullyConnectLayer& layer) {
   const Blob* input = last_input(layer);

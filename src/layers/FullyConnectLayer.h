@@ -19,10 +19,15 @@ class FullyConnectLayer : public BaseLayer {
   FixedPointOperator fixed_point{nullptr, nullptr};  // null until set up for run mode 3
 
   bool Forward(std::uint32_t mode) override;
+  void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                     std::uint32_t data_type, Aliases& aliases) override;
   bool Setup(std::int32_t mode, std::vector<BlobPtr>& params) override;
   void Reshape() override;
   void ReleaseWeights() override;
 };
+
+// Brings the weights, which are there, into an orientation: see weights_transposed.
+void turn_weights(FullyConnectLayer& layer, bool transposed);
 
 Fit fits(const FullyConnectLayer& layer);
 

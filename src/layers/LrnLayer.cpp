@@ -1,6 +1,9 @@
 // The layer's Blobs; the arithmetic is one kernel over the whole input.
 #include "layers/LrnLayer.h"
 
+#include <string>
+
+#include "graph/PrimitiveBuilder.h"
 #include "graph/Workspace.h"
 #include "kernels/kernels.h"
 
@@ -42,6 +45,21 @@ bool LrnLayer::Forward(std::uint32_t) {
   kernels::lrn(lrn, input.data, scale->data, last_output(*this)->data, input.count,
                workspace->scratch());
   return true;
+}
+
+void LrnLayer::AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                             std::uint32_t data_type, Aliases& aliases) {
+  if (!is_wired(*this)) return;
+  PrimitiveBuilder::require(fits(*this));
+  PrimitiveBuilder builder(*this, topology, engine, data_type, aliases);
+  const std::string input = builder.map();
+  cldnn_lrn_desc lrn{};
+  lrn.size = size;
+  lrn.k = k;
+  lrn.alpha = alpha;
+  lrn.beta = beta;
+  lrn.region = CLDNN_LRN_ACROSS_CHANNELS;
+  builder.add(cldnn::Kind::kLrn, lrn.header, {input}, builder.shape(input));
 }
 
 bool LrnLayer::Setup(std::int32_t, std::vector<BlobPtr>& params) {

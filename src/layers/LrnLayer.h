@@ -15,6 +15,8 @@ class LrnLayer : public BaseLayer {
   Blob* scale = nullptr;  // the denominators of the last run, in the network's parameter list
 
   bool Forward(std::uint32_t mode) override;
+  void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                     std::uint32_t data_type, Aliases& aliases) override;
   bool Setup(std::int32_t mode, std::vector<BlobPtr>& params) override;
   void Reshape() override;
   void ReleaseWeights() override;

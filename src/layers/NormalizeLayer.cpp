@@ -1,6 +1,9 @@
 // The two scratch Blobs and the choice between a norm per pixel and a norm per image.
 #include "layers/NormalizeLayer.h"
 
+#include <string>
+
+#include "graph/PrimitiveBuilder.h"
 #include "kernels/kernels.h"
 
 namespace ravu {
@@ -68,6 +71,26 @@ bool NormalizeLayer::Forward(std::uint32_t) {
                               channel_shared, last_output(*this)->data);
   }
   return true;
+}
+
+void NormalizeLayer::AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                                   std::uint32_t data_type, Aliases& aliases) {
+  if (!is_wired(*this)) return;
+  PrimitiveBuilder::require(fits(*this));
+  PrimitiveBuilder builder(*this, topology, engine, data_type, aliases);
+  const std::string input = builder.map();
+  const GpuShape shape = builder.shape(input);
+  // One value where the channels share it, else one for each of them.
+  const GpuShape scales{.x = channel_shared ? 1 : shape.feature};
+  const auto values = static_cast<std::size_t>(scales.x);
+  // Kept: named after the input, unlike the other layers' parameters.
+  const std::string scale_id = builder.parameter(builder.input_prefix() + "_scale", scales,
+                                                 repeated(*scale, values, values));
+  cldnn_normalize_desc normalize{};
+  normalize.scale_input = scale_id.c_str();
+  normalize.across_spatial = across_spatial;
+  normalize.epsilon = epsilon;
+  builder.add(cldnn::Kind::kNormalize, normalize.header, {input}, shape);
 }
 
 bool NormalizeLayer::Setup(std::int32_t, std::vector<BlobPtr>& params) {

@@ -17,6 +17,8 @@ class NormalizeLayer : public BaseLayer {
   Blob* norms = nullptr;  // one per pixel, or per image; cleared when the network gets new input
 
   bool Forward(std::uint32_t mode) override;
+  void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                     std::uint32_t data_type, Aliases& aliases) override;
   bool Setup(std::int32_t mode, std::vector<BlobPtr>& params) override;
   void ReleaseWeights() override;
 };

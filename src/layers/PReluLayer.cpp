@@ -2,7 +2,9 @@
 #include "layers/PReluLayer.h"
 
 #include <algorithm>
+#include <string>
 
+#include "graph/PrimitiveBuilder.h"
 #include "kernels/kernels.h"
 
 namespace ravu {
@@ -27,6 +29,22 @@ bool PReluLayer::Forward(std::uint32_t) {
   if (!has_data(*this) || !fits(*this)) return true;
   kernels::prelu(input->data, output->data, output->count, slopes->data, input->dims[3]);
   return true;
+}
+
+void PReluLayer::AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                               std::uint32_t data_type, Aliases& aliases) {
+  if (!is_wired(*this)) return;
+  PrimitiveBuilder::require(fits(*this));
+  PrimitiveBuilder builder(*this, topology, engine, data_type, aliases);
+  const std::string input = builder.map();
+  const GpuShape shape = builder.shape(input);
+  const auto channels = static_cast<std::size_t>(shape.feature);
+  const GpuShape slope_row{.x = shape.feature};
+  const std::string slopes_id = builder.parameter(builder.prefix() + "_slope", slope_row,
+                                                  repeated(*slopes, channels, channels));
+  cldnn_activation_desc activation{};
+  activation.slope_input = slopes_id.c_str();
+  builder.add(cldnn::Kind::kActivation, activation.header, {input}, shape);
 }
 
 void PReluLayer::Reshape() {

@@ -12,6 +12,8 @@ class PReluLayer : public BaseLayer {
   bool channel_shared = false;
 
   bool Forward(std::uint32_t mode) override;
+  void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                     std::uint32_t data_type, Aliases& aliases) override;
   void Reshape() override;
   void ReleaseWeights() override;
 };

@@ -2,7 +2,10 @@
 #include "layers/PermuteLayer.h"
 
 #include <algorithm>
+#include <string>
+#include <vector>
 
+#include "graph/PrimitiveBuilder.h"
 #include "graph/Workspace.h"
 #include "kernels/kernels.h"
 
@@ -31,6 +34,17 @@ kernels::AxisOrder axis_order(const PermuteLayer& layer, const Blob& input) {
   return axes;
 }
 
+Fit entries_are_valid(const PermuteLayer& layer) {
+  if (std::is_permutation(layer.order.begin(), layer.order.end(), kUnchanged.begin())) return {};
+  return {"permute_order must hold 0, 1, 2 and 3 once each"};
+}
+
+// clDNN's rule for the sizes of a permuted tensor, in its order batch, feature, x, y.
+GpuShape permuted(const GpuShape& in, const std::array<std::uint32_t, 4>& order) {
+  const std::array<std::int32_t, 4> sizes{in.batch, in.feature, in.x, in.y};
+  return {sizes[order[0]], sizes[order[1]], sizes[order[2]], sizes[order[3]], in.format};
+}
+
 }  // namespace
 
 bool moves_values(const PermuteLayer& layer) {
@@ -42,9 +56,8 @@ Fit fits(const PermuteLayer& layer) {
   const Blob* output = last_output(layer);
   if (input == nullptr) return {"permute needs an input"};
   if (!moves_values(layer)) return {};
-  if (!std::is_permutation(layer.order.begin(), layer.order.end(), kUnchanged.begin())) {
-    return {"permute_order must hold 0, 1, 2 and 3 once each"};
-  }
+  const Fit entries = entries_are_valid(layer);
+  if (!entries) return entries;
   if (output == nullptr) return {};
   if (!dims_within_count(*input)) return {"dims describe more than the tensor holds"};
   if (image_floats(*input) * input->dims[0] > output->count) {
@@ -67,6 +80,22 @@ bool PermuteLayer::Forward(std::uint32_t) {
     kernels::permute(axes, from, output->data + n * image);
   }
   return true;
+}
+
+void PermuteLayer::AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                                 std::uint32_t data_type, Aliases& aliases) {
+  if (!is_wired(*this)) return;
+  PrimitiveBuilder::require(fits(*this));
+  PrimitiveBuilder builder(*this, topology, engine, data_type, aliases);
+  PrimitiveBuilder::require(entries_are_valid(*this));
+  const std::string input = builder.map();
+  const GpuShape in = builder.shape(input);
+  const std::vector<std::uint16_t> entries(order.begin(), order.end());
+  cldnn_permute_desc permute{};
+  permute.order = {entries.data(), entries.size()};
+  builder.add(cldnn::Kind::kPermute, permute.header, {input}, permuted(in, order));
+  // clDNN moves its labels with the values; the Blob keeps its shape.
+  builder.relabel_output(in);
 }
 
 bool PermuteLayer::Setup(std::int32_t, std::vector<BlobPtr>&) {

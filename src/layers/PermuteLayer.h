@@ -16,6 +16,8 @@ class PermuteLayer : public BaseLayer {
   std::array<std::uint32_t, 4> order{0, 1, 2, 3};
 
   bool Forward(std::uint32_t mode) override;
+  void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                     std::uint32_t data_type, Aliases& aliases) override;
   bool Setup(std::int32_t mode, std::vector<BlobPtr>& params) override;
   void Reshape() override;
 };

@@ -1,8 +1,11 @@
 // The shape rule and the choice between the two kernels.
 #include "layers/PoolingLayer.h"
 
+#include <algorithm>
 #include <cmath>
+#include <string>
 
+#include "graph/PrimitiveBuilder.h"
 #include "kernels/kernels.h"
 
 namespace ravu {
@@ -23,6 +26,12 @@ kernels::PoolingSizes sizes_of(const PoolingLayer& l, const Blob& input, const B
   return {input.dims[0],  input.dims[1],  input.dims[2], input.dims[3],
           output.dims[1], output.dims[2], l.kernel_h,    l.kernel_w,
           l.stride_h,     l.stride_w,     l.pad_h,       l.pad_w};
+}
+
+// clDNN's output size, without padding.
+std::int32_t windows_along(std::int32_t input, std::int32_t window, std::int32_t stride) {
+  const std::int64_t room = std::max<std::int64_t>(std::int64_t{input} - window, 0);
+  return to_size((room + stride - 1) / stride + 1);
 }
 
 }  // namespace
@@ -63,6 +72,28 @@ bool PoolingLayer::Forward(std::uint32_t) {
   if (mode == kMax) kernels::max_pooling(sizes, input->data, output->data);
   if (mode == kAverage) kernels::average_pooling(sizes, input->data, output->data);
   return true;
+}
+
+void PoolingLayer::AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                                 std::uint32_t data_type, Aliases& aliases) {
+  if (!is_wired(*this)) return;
+  PrimitiveBuilder::require(fits(*this));
+  PrimitiveBuilder builder(*this, topology, engine, data_type, aliases);
+  const std::string input = builder.map();
+  const GpuShape in = builder.shape(input);
+  const auto window_h = static_cast<std::int32_t>(kernel_h);
+  const auto window_w = static_cast<std::int32_t>(kernel_w);
+  const auto step_h = static_cast<std::int32_t>(stride_h);
+  const auto step_w = static_cast<std::int32_t>(stride_w);
+  cldnn_pooling_desc pooling{};
+  pooling.mode = static_cast<std::int32_t>(mode);
+  pooling.size = make_tensor(in.batch, in.feature, window_w, window_h);
+  pooling.stride = make_tensor(1, 1, step_w, step_h);
+  // Kept: the paddings stay on the processor, so a padded output is smaller on the GPU.
+  pooling.input_offset = make_tensor(0, 0, 0, 0);
+  const GpuShape out{in.batch, in.feature, windows_along(in.x, window_w, step_w),
+                     windows_along(in.y, window_h, step_h), in.format};
+  builder.add(cldnn::Kind::kPooling, pooling.header, {input}, out);
 }
 
 void PoolingLayer::Reshape() {

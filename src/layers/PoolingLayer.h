@@ -18,6 +18,8 @@ class PoolingLayer : public BaseLayer {
   std::uint32_t mode = kMax;
 
   bool Forward(std::uint32_t run_mode) override;
+  void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                     std::uint32_t data_type, Aliases& aliases) override;
   void Reshape() override;
 };
 

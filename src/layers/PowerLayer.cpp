@@ -2,6 +2,10 @@
 // power.
 #include "layers/PowerLayer.h"
 
+#include <span>
+#include <string>
+
+#include "graph/PrimitiveBuilder.h"
 #include "kernels/kernels.h"
 
 namespace ravu {
@@ -33,6 +37,20 @@ bool PowerLayer::Forward(std::uint32_t) {
   }
   if (raises) kernels::raise_to_power(input->data, output->data, output->count, power);
   return true;
+}
+
+void PowerLayer::AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                               std::uint32_t data_type, Aliases& aliases) {
+  if (!is_wired(*this)) return;
+  PrimitiveBuilder::require(fits(*this));
+  PrimitiveBuilder builder(*this, topology, engine, data_type, aliases);
+  const std::string scale_id =
+      builder.parameter(builder.prefix() + "_scale", GpuShape{}, std::span(&scale, 1));
+  // Kept: shift and power are the processor's alone.
+  cldnn_scale_desc times{};
+  times.scale_input = scale_id.c_str();
+  times.bias = "";
+  builder.add(cldnn::Kind::kScale, times.header, {builder.input()}, builder.shape(builder.input()));
 }
 
 void PowerLayer::Reshape() {

@@ -13,6 +13,8 @@ class PowerLayer : public BaseLayer {
   float power_times_scale = 1.0F;  // filled by the record's reader; no computation uses it
 
   bool Forward(std::uint32_t mode) override;
+  void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                     std::uint32_t data_type, Aliases& aliases) override;
   void Reshape() override;
 };
 

@@ -5,7 +5,10 @@
 #include <algorithm>
 #include <cmath>
 #include <iterator>
+#include <string>
+#include <vector>
 
+#include "graph/PrimitiveBuilder.h"
 #include "kernels/convert.h"
 #include "kernels/kernels.h"
 
@@ -92,6 +95,23 @@ void write_variances(const PriorBoxLayer& layer, std::uint64_t cell_count, std::
   }
 }
 
+// clDNN wants the 1 in front, and reciprocals of its own account. Those are added only where
+// num_priors counts them: elsewhere the list has them as ratios, in an order that the boxes follow.
+std::vector<float> gpu_ratios(const PriorBoxLayer& layer) {
+  std::vector<float> ratios{1.0F};
+  std::remove_copy_if(layer.aspect_ratios.begin(), layer.aspect_ratios.end(),
+                      std::back_inserter(ratios), is_one);
+  if (!layer.flip || boxes_per_cell(layer) == layer.num_priors) return ratios;
+  std::vector<float> completed{1.0F};
+  for (const float ratio : ratios) {
+    const bool listed = std::any_of(completed.begin(), completed.end(), [&](float other) {
+      return std::abs(static_cast<double>(ratio) - other) < 1e-6;
+    });
+    if (!listed) completed.insert(completed.end(), {ratio, 1.0F / ratio});
+  }
+  return completed;
+}
+
 }  // namespace
 
 std::optional<Shape> prior_box_shape(const PriorBoxLayer& layer, const Shape& feature_map,
@@ -140,6 +160,34 @@ bool PriorBoxLayer::Setup(std::int32_t, std::vector<BlobPtr>&) {
   if (clip) kernels::clip_to_one(output->data, row);
   write_variances(*this, cells(map), row, output->data + row);
   return true;
+}
+
+void PriorBoxLayer::AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                                  std::uint32_t data_type, Aliases& aliases) {
+  if (!is_wired(*this)) return;
+  PrimitiveBuilder::require(fits(*this));
+  PrimitiveBuilder builder(*this, topology, engine, data_type, aliases);
+  const std::string map = builder.map(0);
+  const std::vector<float> ratios = gpu_ratios(*this);
+  cldnn_prior_box_desc boxes{};
+  const bool given = image_size_is_given(*this);
+  const auto height = static_cast<std::int32_t>(given ? img_h : inputs[1]->dims[1]);
+  const auto width = static_cast<std::int32_t>(given ? img_w : inputs[1]->dims[2]);
+  boxes.image_size = make_tensor(height, height, width, height);
+  std::fill_n(boxes.image_size.sizes + 4, 4, height);
+  boxes.min_sizes = {min_sizes.data(), min_sizes.size()};
+  boxes.max_sizes = {max_sizes.data(), max_sizes.empty() ? 0 : min_sizes.size()};
+  boxes.aspect_ratios = {ratios.data(), ratios.size()};
+  boxes.flip = flip;
+  boxes.clip = clip;
+  boxes.variances = {variances.data(), variances.size() < 2 ? 1U : 4U};
+  boxes.step_width = static_cast<float>(static_cast<std::int32_t>(step_w));
+  boxes.step_height = static_cast<float>(static_cast<std::int32_t>(step_h));
+  boxes.offset = offset;
+  const std::size_t per_cell = ratios.size() * min_sizes.size() + boxes.max_sizes.size;
+  const std::uint64_t row = cells(*inputs.front()) * per_cell * 4;
+  builder.add(cldnn::Kind::kPriorBox, boxes.header, {map},
+              GpuShape{1, 2, 1, to_size(static_cast<std::int64_t>(row)), CLDNN_FORMAT_BFYX});
 }
 
 void PriorBoxLayer::Reshape() {}

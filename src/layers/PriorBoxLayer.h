@@ -22,6 +22,8 @@ class PriorBoxLayer : public BaseLayer {
   std::uint32_t step_h = 0, step_w = 0;  // pixels from cell to cell; one of them 0: derived
   float offset = 0.0F;                   // of a box's centre within its cell, in cells
 
+  void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                     std::uint32_t data_type, Aliases& aliases) override;
   bool Setup(std::int32_t mode, std::vector<BlobPtr>& params) override;
 
   // The output stays as it is: priors do not depend on the batch.

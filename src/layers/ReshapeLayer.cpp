@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "graph/PrimitiveBuilder.h"
+
 namespace ravu {
 
 Shape reshape_record_shape(const ReshapeLayer& layer, const Shape& input) {
@@ -26,6 +28,25 @@ Fit fits(const ReshapeLayer& layer) {
   if (layer.inputs.empty()) return {"reshape needs an input"};
   if (layer.inferred_axis > 3) return {"inferred_axis must be below 4"};
   return {};
+}
+
+void ReshapeLayer::AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                                 std::uint32_t data_type, Aliases& aliases) {
+  if (!is_wired(*this)) return;
+  PrimitiveBuilder::require(fits(*this));
+  PrimitiveBuilder builder(*this, topology, engine, data_type, aliases);
+  const GpuShape from = builder.shape(builder.input());
+  GpuShape to = shape_of(*last_output(*this));
+  to.format = from.format;
+  PrimitiveBuilder::require(
+      {to.batch == from.batch ? nullptr : "a reshape must not change the batch"});
+  if (to == from) {
+    builder.alias_output(builder.input());
+    return;
+  }
+  cldnn_reshape_desc reshape{};
+  reshape.output_shape = make_tensor(to.batch, to.feature, to.x, to.y);
+  builder.add(cldnn::Kind::kReshape, reshape.header, {builder.input()}, to);
 }
 
 bool ReshapeLayer::Setup(std::int32_t, std::vector<BlobPtr>&) {

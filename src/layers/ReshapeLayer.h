@@ -15,6 +15,8 @@ class ReshapeLayer : public BaseLayer {
   std::array<std::int32_t, 4> dims{-1, -1, -1, -1};  // only positive entries replace a dimension
   std::int32_t inferred_axis = -1;  // the dimension that gets the rest; below 0: none
 
+  void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                     std::uint32_t data_type, Aliases& aliases) override;
   bool Setup(std::int32_t mode, std::vector<BlobPtr>& params) override;
 };
 

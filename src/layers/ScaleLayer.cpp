@@ -1,9 +1,46 @@
 // One pass where scale and bias repeat alike, which is the rule; two where they do not.
 #include "layers/ScaleLayer.h"
 
+#include <string>
+#include <vector>
+
+#include "graph/PrimitiveBuilder.h"
 #include "kernels/kernels.h"
 
 namespace ravu {
+namespace {
+
+std::size_t elements(const GpuShape& shape) {
+  return cldnn::element_count(make_layout(shape, CLDNN_FLOAT32));
+}
+
+bool divides(const Blob* values, std::size_t n) {
+  return values == nullptr || (values->count != 0 && n % values->count == 0);
+}
+
+// The part of the input along which scale and bias repeat: its channels, or with larger tensors its
+// rows, its images or all of it.
+GpuShape repeating_shape(const GpuShape& input, const Blob& scales, const Blob* bias) {
+  GpuShape shape{.feature = input.feature};
+  for (const int dims : {1, 2, 3, 4}) {
+    if (dims == 2) shape.x = input.x;
+    if (dims == 3) shape.y = input.y;
+    if (dims == 4) shape.batch = input.batch;
+    if (divides(&scales, elements(shape)) && divides(bias, elements(shape))) break;
+  }
+  return shape;
+}
+
+std::vector<float> in_memory_order(const Blob& values, const GpuShape& shape) {
+  Blob turned;
+  static_cast<Shape&>(turned) = values;
+  assign(turned, values.data);
+  to_interleaved(turned, turned.dims[1] * turned.dims[2], turned.dims[3]);
+  auto all = repeated(turned, turned.count, elements(shape));
+  return shape.batch > 1 ? batch_innermost(all, static_cast<std::size_t>(shape.batch)) : all;
+}
+
+}  // namespace
 
 Fit fits(const ScaleLayer& layer) {
   const Blob* input = last_input(layer);
@@ -32,6 +69,28 @@ bool ScaleLayer::Forward(std::uint32_t) {
   kernels::scale(input->data, output->data, n, scales->data, scales->count);
   if (shifts) kernels::add_bias(output->data, 1, n, n, bias->data, bias->count, 0);
   return true;
+}
+
+void ScaleLayer::AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
+                               std::uint32_t data_type, Aliases& aliases) {
+  if (!is_wired(*this)) return;
+  PrimitiveBuilder::require(fits(*this));
+  PrimitiveBuilder builder(*this, topology, engine, data_type, aliases);
+  const std::string input = builder.map();
+  const GpuShape shape = builder.shape(input);
+  const Blob* shifts = has_bias ? bias.get() : nullptr;
+  const GpuShape repeating = repeating_shape(shape, *scales, shifts);
+  const std::string scale_id = builder.parameter(builder.prefix() + "_scale", repeating,
+                                                 in_memory_order(*scales, repeating));
+  std::string bias_id;
+  if (shifts != nullptr) {
+    bias_id = builder.parameter(builder.prefix() + "_scale_bias", repeating,
+                                in_memory_order(*shifts, repeating));
+  }
+  cldnn_scale_desc times{};
+  times.scale_input = scale_id.c_str();
+  times.bias = bias_id.c_str();
+  builder.add(cldnn::Kind::kScale, times.header, {input}, shape);
 }
 
 bool ScaleLayer::Setup(std::int32_t, std::vector<BlobPtr>&) {

@@ -200,6 +200,7 @@ TEST_F(ProgramDetect, AModelThatTakesNoPicturesIsRefused) {
 }
 
 TEST_F(ProgramDetect, ARunModeThatCannotBeHadIsRefused) {
+  const NoOpenClDevices none;
   EXPECT_THAT(run_ravu({"detect", model, image, "--mode", "2"}).err,
               HasSubstr("ravu: run mode 2: "));
 }

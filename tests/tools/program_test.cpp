@@ -89,6 +89,7 @@ TEST(Program, ABatchThatNoMemoryHoldsIsOneLine) {
 
 TEST(Program, ARunModeThatCannotBeHadIsOneLine) {
   const TemporaryFile model(small_network().bytes());
+  const NoOpenClDevices none;
   for (const char* mode : {"2", "4"}) {
     const Outcome outcome = run_ravu({"bench", model.path(), "--mode", mode});
     EXPECT_EQ(outcome.code, 1);

@@ -41,6 +41,15 @@ Outcome run_ravu(const std::vector<std::string>& arguments, const std::string& r
   return outcome;
 }
 
+// The loader of OpenCL looks for its drivers in this folder.
+NoOpenClDevices::NoOpenClDevices() {
+  setenv("OCL_ICD_VENDORS", "/nonexistent", /*overwrite=*/1);
+}
+
+NoOpenClDevices::~NoOpenClDevices() {
+  unsetenv("OCL_ICD_VENDORS");
+}
+
 std::vector<std::string> lines_of(const std::string& text) {
   std::vector<std::string> lines;
   std::istringstream stream(text);

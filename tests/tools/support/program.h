@@ -15,6 +15,15 @@ struct Outcome {
 // With these arguments; `out` is empty when standard output is sent to the file `redirect`.
 Outcome run_ravu(const std::vector<std::string>& arguments, const std::string& redirect = {});
 
+// While it lives, the program finds no OpenCL device, whatever the machine has.
+class NoOpenClDevices {
+ public:
+  NoOpenClDevices();
+  NoOpenClDevices(const NoOpenClDevices&) = delete;
+  NoOpenClDevices& operator=(const NoOpenClDevices&) = delete;
+  ~NoOpenClDevices();
+};
+
 std::vector<std::string> lines_of(const std::string& text);
 
 }  // namespace ravu::test
