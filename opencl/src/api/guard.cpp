@@ -1,0 +1,30 @@
+// The last error's text lives in the thread and is replaced by its next failure only.
+#include "api/guard.h"
+
+namespace ravu::opencl {
+
+namespace {
+
+std::string& kept_text() {
+  static thread_local std::string text = "no error has occurred";
+  return text;
+}
+
+}  // namespace
+
+const char* last_error() {
+  return kept_text().c_str();
+}
+
+void keep_error(const char* text) noexcept {
+  try {
+    kept_text() = text;
+  } catch (...) {  // no memory for the text: the older one stays
+  }
+}
+
+}  // namespace ravu::opencl
+
+const char* cldnn_get_last_error_message(void) {
+  return ravu::opencl::last_error();
+}

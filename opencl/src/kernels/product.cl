@@ -1,0 +1,196 @@
+// Convolution and fully connected: a matrix product of output pixels and units (output features)
+// whose left side is read straight from the input, tap by tap; nothing is gathered beforehand.
+// Weights come in panels of PANEL units, [part][panel][tap][input feature][unit]; with the factors
+// of folded primitives in them. A tap outside the input reads from `zeros` instead.
+//
+// image:  x size, y size, then the distances of neighbours along x, y, feature, image
+//         and the input features of one part (s6)
+// window: x size, y size, strides x y, offsets x y, dilations x y
+// result: x size, y size, images, units of one part, distances of units, columns, rows, images
+// Each result is rectified with its unit's slope; `addend`, shaped like the output, comes before.
+
+#define PANEL (2 * LANES)
+
+// Runs DO(i) for every pixel of a register tile: as many as leave registers for two weight vectors
+// and a value.
+#if LANES == 16
+#define PIXELS 12
+#define EACH_PIXEL(DO) DO(0) DO(1) DO(2) DO(3) DO(4) DO(5) DO(6) DO(7) DO(8) DO(9) DO(10) DO(11)
+#else
+#define PIXELS 6
+#define EACH_PIXEL(DO) DO(0) DO(1) DO(2) DO(3) DO(4) DO(5)
+#endif
+
+void put_results(lanes low, lanes high, __global const float* slopes, __global const float* addend,
+                 int has_addend, __global float* out, int at, int step, int units) {
+  if (units >= PANEL && step == 1) {
+    if (has_addend) {
+      low += LOAD(addend + at);
+      high += LOAD(addend + at + LANES);
+    }
+    STORE(RECTIFY(low, LOAD(slopes)), out + at);
+    STORE(RECTIFY(high, LOAD(slopes + LANES)), out + at + LANES);
+    return;
+  }
+  float values[PANEL];
+  JOIN(vstore, LANES)(low, 0, values);
+  JOIN(vstore, LANES)(high, 1, values);
+  for (int i = 0; i < min(units, PANEL); ++i) {
+    const int place = at + i * step;
+    const float value = has_addend ? values[i] + addend[place] : values[i];
+    out[place] = RECTIFY(value, slopes[i]);
+  }
+}
+
+// A work item computes PIXELS x PANEL results in registers. Biases and slopes are padded to whole
+// panels per part.
+__kernel void product_registers(__global const float* in, __global const float* weights,
+                                __global const float* biases, __global const float* slopes,
+                                __global const float* addend, __global const float* zeros,
+                                __global float* out, int8 image, int8 window, int8 result,
+                                int panels, int has_addend) {
+  const int pixels = result.s0 * result.s1 * result.s2;
+  const int first = get_global_id(0) * PIXELS;
+  const int panel = get_global_id(1);
+  const int part = get_global_id(2);
+  if (first >= pixels || panel >= panels) return;
+  const int features = image.s6;
+  const int step = image.s4;
+  in += part * features * step;
+  weights += (part * panels + panel) * window.s0 * window.s1 * features * PANEL;
+  biases += (part * panels + panel) * PANEL;
+  slopes += (part * panels + panel) * PANEL;
+
+  // Pixels behind the last one repeat it and are not stored.
+#define PLACE_PIXEL(i)                                                              \
+  const int pixel##i = min(first + i, pixels - 1);                                  \
+  const int image##i = pixel##i % result.s2;                                        \
+  const int out_x##i = pixel##i / result.s2 % result.s0;                            \
+  const int out_y##i = pixel##i / result.s2 / result.s0;                            \
+  const int x##i = out_x##i * window.s2 + window.s4;                                \
+  const int y##i = out_y##i * window.s3 + window.s5;                                \
+  lanes low##i = LOAD(biases);                                                      \
+  lanes high##i = LOAD(biases + LANES);
+  EACH_PIXEL(PLACE_PIXEL)
+
+  for (int row = 0; row < window.s1; ++row) {
+    for (int column = 0; column < window.s0; ++column) {
+      const int dx = column * window.s6;
+      const int dy = row * window.s7;
+#define FIND_TAP(i)                                                                         \
+  const bool inside##i =                                                                    \
+      x##i + dx >= 0 && x##i + dx < image.s0 && y##i + dy >= 0 && y##i + dy < image.s1;     \
+  __global const float* values##i =                                                         \
+      inside##i ? in + ((y##i + dy) * image.s3 + (x##i + dx) * image.s2 + image##i * image.s5) \
+                : zeros;
+      EACH_PIXEL(FIND_TAP)
+      for (int f = 0; f < features; ++f) {
+        const lanes low = LOAD(weights);
+        const lanes high = LOAD(weights + LANES);
+        weights += PANEL;
+#define MULTIPLY_ADD(i)                      \
+  {                                          \
+    const lanes value = values##i[f * step]; \
+    low##i = fma(value, low, low##i);        \
+    high##i = fma(value, high, high##i);     \
+  }
+        EACH_PIXEL(MULTIPLY_ADD)
+      }
+    }
+  }
+
+  const int units = result.s3 - panel * PANEL;
+  const int first_unit = part * result.s3 + panel * PANEL;
+#define PUT_PIXEL(i)                                                                     \
+  if (first + i < pixels) {                                                              \
+    const int at = out_y##i * result.s6 + out_x##i * result.s5 + image##i * result.s7 +  \
+                   first_unit * result.s4;                                               \
+    put_results(low##i, high##i, slopes, addend, has_addend, out, at, result.s4, units); \
+  }
+  EACH_PIXEL(PUT_PIXEL)
+}
+
+#define SIDE 16          // work items along one side of a work-group
+#define TILE (4 * SIDE)  // results along one side of its tile
+#define DEPTH 16         // terms held in local memory at a time
+
+// The same for GPUs: a work-group computes TILE x TILE results from slices that it shares in local
+// memory, a work item 4 x 4 of them.
+__kernel __attribute__((reqd_work_group_size(SIDE, SIDE, 1))) void product_local(
+    __global const float* in, __global const float* weights, __global const float* biases,
+    __global const float* slopes, __global const float* addend, __global const float* zeros,
+    __global float* out, int8 image, int8 window, int8 result, int panels, int has_addend) {
+  __local float left[DEPTH][TILE];
+  __local float right[DEPTH][TILE];
+  __local int3 places[TILE];  // of the tile's pixels in the input: x, y, image
+  const int pixels = result.s0 * result.s1 * result.s2;
+  const int first_pixel = get_group_id(0) * TILE;
+  const int first_unit = get_group_id(1) * TILE;
+  const int part = get_group_id(2);
+  const int helper = get_local_id(1) * SIDE + get_local_id(0);
+  const int features = image.s6;
+  const int terms = window.s0 * window.s1 * features;
+  in += part * features * image.s4;
+  weights += part * panels * terms * PANEL;
+  biases += part * panels * PANEL;
+  slopes += part * panels * PANEL;
+  for (int i = helper; i < TILE; i += SIDE * SIDE) {
+    const int pixel = first_pixel + i;
+    const int column = pixel / result.s2 % result.s0;
+    const int row = pixel / result.s2 / result.s0;
+    places[i] = (int3)(column * window.s2 + window.s4, row * window.s3 + window.s5,
+                       pixel < pixels ? pixel % result.s2 : -1);
+  }
+  float sums[4][4];
+  for (int u = 0; u < 4; ++u) {
+    const int unit = first_unit + u * SIDE + get_local_id(1);
+    const float bias = unit < panels * PANEL ? biases[unit] : 0;
+    for (int p = 0; p < 4; ++p) sums[p][u] = bias;
+  }
+
+  for (int start = 0; start < terms; start += DEPTH) {
+    barrier(CLK_LOCAL_MEM_FENCE);
+    for (int i = helper; i < DEPTH * TILE; i += SIDE * SIDE) {
+      const int term = start + i % DEPTH;
+      const int3 place = places[i / DEPTH];
+      const int tap = term / features;
+      const int x = place.x + tap % window.s0 * window.s6;
+      const int y = place.y + tap / window.s0 * window.s7;
+      const bool inside = term < terms && place.z >= 0 && x >= 0 && x < image.s0 && y >= 0 &&
+                          y < image.s1;
+      left[i % DEPTH][i / DEPTH] =
+          inside ? in[y * image.s3 + x * image.s2 + place.z * image.s5 + term % features * image.s4]
+                 : 0;
+    }
+    for (int i = helper; i < DEPTH * TILE; i += SIDE * SIDE) {
+      const int term = start + i / TILE;
+      const int unit = first_unit + i % TILE;
+      const bool inside = term < terms && unit < panels * PANEL;
+      right[i / TILE][i % TILE] =
+          inside ? weights[(unit / PANEL * terms + term) * PANEL + unit % PANEL] : 0;
+    }
+    barrier(CLK_LOCAL_MEM_FENCE);
+    for (int d = 0; d < DEPTH; ++d) {
+      float values[4];
+      for (int p = 0; p < 4; ++p) values[p] = left[d][p * SIDE + get_local_id(0)];
+      for (int u = 0; u < 4; ++u) {
+        const float weight = right[d][u * SIDE + get_local_id(1)];
+        for (int p = 0; p < 4; ++p) sums[p][u] = fma(values[p], weight, sums[p][u]);
+      }
+    }
+  }
+
+  for (int p = 0; p < 4; ++p) {
+    const int pixel = first_pixel + p * SIDE + get_local_id(0);
+    if (pixel >= pixels) continue;
+    const int at = pixel / result.s2 / result.s0 * result.s6 +
+                   pixel / result.s2 % result.s0 * result.s5 + pixel % result.s2 * result.s7;
+    for (int u = 0; u < 4; ++u) {
+      const int unit = first_unit + u * SIDE + get_local_id(1);
+      if (unit >= result.s3) continue;
+      const int place = at + (part * result.s3 + unit) * result.s4;
+      const float value = has_addend ? sums[p][u] + addend[place] : sums[p][u];
+      out[place] = RECTIFY(value, slopes[unit]);
+    }
+  }
+}

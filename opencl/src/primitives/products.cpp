@@ -1,0 +1,116 @@
+// Everything here but the last launch happens when the network is allocated.
+#include "primitives/products.h"
+
+namespace ravu::opencl {
+
+namespace {
+
+constexpr int64_t kRegisterPixels = 6;       // PIXELS of product.cl
+constexpr int64_t kWideRegisterPixels = 12;  // the same with LANES 16
+constexpr int64_t kSide = 16;                // SIDE
+constexpr int64_t kTile = 64;                // TILE
+
+void fill(Plan& plan, const Slot* slot, int64_t count, float value) {
+  plan.prepare({"weights", "fill"}, {slot, as_int(count), value}, {count});
+}
+
+void copy_part(Plan& plan, const Operand& from, const Slot* to, int64_t start, int64_t count) {
+  plan.prepare({"weights", "copy_part"}, {from.slot, to, as_int(start), as_int(count)}, {count});
+}
+
+void fold(Plan& plan, const Follower& follower, int64_t units, UnitParameters& parameters) {
+  const Slot* first = follower.first.slot;
+  const Slot* second = follower.second.slot;
+  switch (follower.epilogue.form) {
+    case Epilogue::Form::kNormalise:
+      plan.prepare({"weights", "fold_batch_norm"},
+                   {parameters.factors, parameters.biases, first, second, follower.epilogue.number,
+                    as_int(units)},
+                   {units});
+      break;
+    case Epilogue::Form::kScale:
+      plan.prepare({"weights", "fold_scale"},
+                   {parameters.factors, parameters.biases, first,
+                    second == nullptr ? first : second, as_int(second == nullptr ? 0 : 1),
+                    as_int(follower.first.tensor.f == 1 ? 0 : 1), as_int(units)},
+                   {units});
+      break;
+    case Epilogue::Form::kRectify:
+      fill(plan, parameters.slopes, units, follower.epilogue.number);
+      break;
+    case Epilogue::Form::kRectifyEach:
+      copy_part(plan, follower.first, parameters.slopes, 0, units);
+      break;
+    case Epilogue::Form::kAdd:
+      parameters.addend = first;
+      fill(plan, parameters.slopes, units, follower.epilogue.number);
+      break;
+  }
+}
+
+// Values per unit with every part padded to whole panels.
+const Slot* padded(Plan& plan, const Slot* values, const Product& product, int64_t width) {
+  if (width == product.units) return values;
+  const Slot* wide = plan.scratch(product.parts * width);
+  const int64_t count = product.parts * product.units;
+  plan.prepare({"weights", "spread"},
+               {values, wide, as_int(count), as_int(product.units), as_int(width)}, {count});
+  return wide;
+}
+
+}  // namespace
+
+UnitParameters fold_followers(Plan& plan, int64_t units, std::span<const Operand> biases,
+                              float slope) {
+  UnitParameters parameters{plan.scratch(units), plan.scratch(units), plan.scratch(units), nullptr};
+  fill(plan, parameters.factors, units, 1);
+  fill(plan, parameters.slopes, units, slope);
+  int64_t start = 0;
+  for (const Operand& bias : biases) {
+    copy_part(plan, bias, parameters.biases, start, count(bias.tensor));
+    start += count(bias.tensor);
+  }
+  for (const Follower& follower : plan.followers()) fold(plan, follower, units, parameters);
+  return parameters;
+}
+
+void plan_product(Plan& plan, const Product& product, std::span<const Operand> weights,
+                  const UnitParameters& parameters) {
+  const int64_t lanes = plan.engine().queue.lanes();
+  const int64_t panel = 2 * lanes;  // PANEL of product.cl
+  const int64_t panels = blocks(product.units, panel);
+  const int64_t part_size = times(panels * panel, product.terms);
+  const Slot* packed = plan.scratch(times(product.parts, part_size));
+  for (int64_t part = 0; part < product.parts; ++part) {
+    plan.prepare({"weights", "pack_panels"},
+                 {weights[static_cast<size_t>(part)].slot, packed, parameters.factors,
+                  product.digits, product.steps, as_int(product.units),
+                  as_int(part * product.units), as_int(panel), as_int(part * part_size)},
+                 {panel, product.terms, panels});
+  }
+  const bool adds = parameters.addend != nullptr;
+  std::vector<Argument> arguments = {plan.input(0).slot,
+                                     packed,
+                                     padded(plan, parameters.biases, product, panels * panel),
+                                     padded(plan, parameters.slopes, product, panels * panel),
+                                     adds ? parameters.addend : parameters.biases,
+                                     plan.scratch(product.border_values),
+                                     plan.output().slot,
+                                     product.image,
+                                     product.window,
+                                     product.result,
+                                     as_int(panels),
+                                     as_int(adds ? 1 : 0)};
+  if (plan.engine().local_tiles) {
+    plan.run_in_groups(
+        {"product", "product_local"}, std::move(arguments),
+        {blocks(product.pixels, kTile), blocks(panels * panel, kTile), product.parts},
+        {kSide, kSide});
+  } else {
+    const int64_t pixels = lanes == 16 ? kWideRegisterPixels : kRegisterPixels;
+    plan.run_in_groups({"product", "product_registers"}, std::move(arguments),
+                       {blocks(product.pixels, pixels), panels, product.parts}, {});
+  }
+}
+
+}  // namespace ravu::opencl

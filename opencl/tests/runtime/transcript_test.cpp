@@ -1,0 +1,165 @@
+// What an execution asks of OpenCL: one kernel per primitive, none for what runs along with another
+// or shares memory, and no waiting. The functions below stand in for OpenCL's and count.
+#define CL_TARGET_OPENCL_VERSION 120
+#include <CL/cl.h>
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "support/Graph.h"
+
+namespace {
+
+std::mutex calls_mutex;
+std::map<std::string, int> calls;
+
+void count_call(const char* name) {
+  const std::lock_guard lock(calls_mutex);
+  ++calls[name];
+}
+
+}  // namespace
+
+// Counts, then calls the real one.
+#define COUNTED(name, parameters, ...)                                                         \
+  extern "C" __attribute__((visibility("default"))) cl_int name parameters {                   \
+    count_call(#name);                                                                         \
+    static auto* const real = reinterpret_cast<cl_int(*) parameters>(dlsym(RTLD_NEXT, #name)); \
+    return real(__VA_ARGS__);                                                                  \
+  }
+
+COUNTED(clEnqueueNDRangeKernel,
+        (cl_command_queue queue, cl_kernel kernel, cl_uint dims, const size_t* offset,
+         const size_t* global, const size_t* local, cl_uint count, const cl_event* events,
+         cl_event* event),
+        queue, kernel, dims, offset, global, local, count, events, event)
+COUNTED(clFinish, (cl_command_queue queue), queue)
+COUNTED(clFlush, (cl_command_queue queue), queue)
+COUNTED(clWaitForEvents, (cl_uint count, const cl_event* events), count, events)
+COUNTED(clEnqueueReadBuffer,
+        (cl_command_queue queue, cl_mem mem, cl_bool blocking, size_t offset, size_t size,
+         void* data, cl_uint count, const cl_event* events, cl_event* event),
+        queue, mem, blocking, offset, size, data, count, events, event)
+COUNTED(clEnqueueWriteBuffer,
+        (cl_command_queue queue, cl_mem mem, cl_bool blocking, size_t offset, size_t size,
+         const void* data, cl_uint count, const cl_event* events, cl_event* event),
+        queue, mem, blocking, offset, size, data, count, events, event)
+COUNTED(clBuildProgram,
+        (cl_program program, cl_uint count, const cl_device_id* devices, const char* options,
+         void(CL_CALLBACK* notify)(cl_program, void*), void* data),
+        program, count, devices, options, notify, data)
+COUNTED(clSetKernelArg, (cl_kernel kernel, cl_uint index, size_t size, const void* value), kernel,
+        index, size, value)
+
+namespace ravu::opencl::test {
+namespace {
+
+using Calls = std::map<std::string, int>;
+
+Calls during_execution(Graph& graph) {
+  EXPECT_EQ(graph.run(), Stage::kDone) << graph.text();
+  {
+    const std::lock_guard lock(calls_mutex);
+    calls.clear();
+  }
+  cldnn_status status = CLDNN_SUCCESS;
+  cldnn_execute_network(graph.network(), nullptr, 0, &status);
+  EXPECT_EQ(status, CLDNN_SUCCESS) << cldnn_get_last_error_message();
+  const std::lock_guard lock(calls_mutex);
+  return calls;
+}
+
+void add_convolution(Graph& graph, const char* id, const char* from) {
+  auto conv = graph.describe<cldnn_convolution_desc>(cldnn_convolution_type_id, id, {from});
+  conv.stride = conv.dilation = tensor(1, 1, 1, 1);
+  conv.split = 1;
+  conv.weights = graph.ids({"w"});
+  graph.add(conv.header);
+}
+
+void add_pooling(Graph& graph, const char* id, const char* from) {
+  auto pool = graph.describe<cldnn_pooling_desc>(cldnn_pooling_type_id, id, {from});
+  pool.stride = pool.size = tensor(1, 1, 1, 1);
+  graph.add(pool.header);
+}
+
+TEST(Transcript, OneKernelPerPrimitiveAndNoWaiting) {
+  Graph graph;
+  graph.input("in", random_values({2, 8, 4, 4}, 1));
+  graph.data("w", random_values({8, 8, 1, 1}, 2));
+  add_convolution(graph, "conv1", "in");
+  add_pooling(graph, "pool1", "conv1");
+  add_convolution(graph, "conv2", "pool1");
+  auto concat = graph.describe<cldnn_concatenation_desc>(cldnn_concatenation_type_id, "concat",
+                                                         {"pool1", "conv2", "in"});
+  concat.axis = CLDNN_CONCATENATION_F;
+  graph.add(concat.header);
+  auto flat = graph.describe<cldnn_reshape_desc>(cldnn_reshape_type_id, "flat", {"concat"});
+  flat.output_shape = tensor(2, 384, 1, 1);
+  graph.add(flat.header);
+  auto softmax = graph.describe<cldnn_softmax_desc>(cldnn_softmax_type_id, "end", {"flat"});
+  softmax.dimension = CLDNN_SOFTMAX_FYX;
+  graph.add(softmax.header);
+  // conv1, pool1, conv2, concat, end; the reshape is a view.
+  EXPECT_EQ(during_execution(graph), (Calls{{"clEnqueueNDRangeKernel", 5}, {"clFlush", 1}}));
+}
+
+TEST(Transcript, WhatRunsAlongWithAProductHasNoKernelOfItsOwn) {
+  Graph graph;
+  graph.input("in", random_values({1, 8, 4, 4}, 1));
+  graph.data("w", random_values({8, 8, 1, 1}, 2));
+  graph.data("scales", random_values({1, 8, 1, 1}, 2));
+  add_convolution(graph, "conv", "in");
+  auto scale = graph.describe<cldnn_scale_desc>(cldnn_scale_type_id, "scale", {"conv"});
+  scale.scale_input = "scales";
+  scale.bias = "";
+  graph.add(scale.header);
+  auto sum = graph.describe<cldnn_eltwise_desc>(cldnn_eltwise_type_id, "sum", {"in"});
+  sum.second_input = "scale";
+  graph.add(sum.header);
+  auto relu = graph.describe<cldnn_activation_desc>(cldnn_activation_type_id, "end", {"sum"});
+  relu.slope_input = "";
+  graph.add(relu.header);
+  EXPECT_EQ(during_execution(graph), (Calls{{"clEnqueueNDRangeKernel", 1}, {"clFlush", 1}}));
+}
+
+TEST(Transcript, PriorBoxesAreComputedAtAllocation) {
+  Graph graph;
+  graph.input("in", zeros({1, 8, 4, 4}));
+  const float one[] = {1};
+  auto priors = graph.describe<cldnn_prior_box_desc>(cldnn_prior_box_type_id, "out", {"in"});
+  priors.image_size = tensor(1, 1, 10, 10);
+  priors.min_sizes = priors.aspect_ratios = priors.variances = {one, 1};
+  graph.add(priors.header);
+  EXPECT_EQ(during_execution(graph), (Calls{{"clFlush", 1}}));
+}
+
+TEST(Transcript, AllKernelsAreCompiledWhenTheNetworkIsAllocated) {
+  Graph graph;
+  graph.input("in", random_values({1, 8, 4, 4}, 1));
+  add_pooling(graph, "out", "in");
+  const Calls during = during_execution(graph);
+  EXPECT_EQ(during.count("clBuildProgram"), 0u);
+  EXPECT_EQ(during.count("clSetKernelArg"), 0u);
+}
+
+TEST(Transcript, DetectionOutputWaitsForItsThreeInputsAndNothingElse) {
+  Graph graph;
+  graph.input("location", zeros({1, 4, 1, 1}), CLDNN_FORMAT_BFYX);
+  graph.input("confidence", zeros({1, 2, 1, 1}), CLDNN_FORMAT_BFYX);
+  graph.input("prior", zeros({1, 2, 4, 1}), CLDNN_FORMAT_BFYX);
+  auto desc = graph.describe<cldnn_detection_output_desc>(cldnn_detection_output_type_id, "out",
+                                                          {"location", "confidence", "prior"});
+  desc.class_count = 2;
+  desc.keep_top_k = 1;
+  desc.share_location = 1;
+  graph.add(desc.header);
+  EXPECT_EQ(during_execution(graph),
+            (Calls{{"clEnqueueReadBuffer", 3}, {"clEnqueueWriteBuffer", 1}, {"clFlush", 1}}));
+}
+
+}  // namespace
+}  // namespace ravu::opencl::test
