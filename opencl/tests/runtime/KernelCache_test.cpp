@@ -17,6 +17,7 @@ namespace fs = std::filesystem;
 class KernelCacheTest : public testing::Test {
  protected:
   void SetUp() override {
+    shared_engine();  // OpenCL drivers have caches too: they settle before the folder changes
     const char* set = getenv("XDG_CACHE_HOME");
     if (set != nullptr) before_ = set;
     base_ = fs::temp_directory_path() / ("ravu-kernel-cache-" + std::to_string(getpid()));
