@@ -14,6 +14,7 @@ build=(
   libcli11-dev                      # command lines of the ravu program
   nlohmann-json3-dev                # its --json output
   libpng-dev libjpeg62-turbo-dev    # its pictures
+  opencl-headers ocl-icd-opencl-dev # the GPU provider
 )
 test=(
   libgtest-dev libgmock-dev                 # unit tests
@@ -21,9 +22,14 @@ test=(
   binutils                                  # nm: the test of the exported symbols
   python3 python3-numpy python3-pytest      # the Python side and its tests
   python3-pil                               # pictures in those tests
+  pocl-opencl-icd                           # OpenCL on the processor: the GPU provider's tests
   python3-venv                              # a place for what requirements-test.txt names
 )
-check=(clang-format clang-tidy gcovr libbenchmark-dev)
+check=(
+  clang-format clang-tidy gcovr libbenchmark-dev
+  libclblast-dev  # the benchmark of the GPU provider compares with it
+  oclgrind        # finds kernels that read out of bounds or race
+)
 
 case "${1:-build}" in
   build) wanted=("${build[@]}") ;;
