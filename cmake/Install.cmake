@@ -7,6 +7,10 @@ if(RAVU_BUILD_FIXPOINT)
   # Beside the engine, which looks there for it.
   install(TARGETS ravu_fixpoint)
 endif()
+if(TARGET ravu_cldnn)
+  # Beside the engine, which looks for it there; nobody links against it.
+  install(TARGETS ravu_cldnn LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+endif()
 install(DIRECTORY include/ravu DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 set(RAVU_CMAKE_FOLDER ${CMAKE_INSTALL_LIBDIR}/cmake/ravu)
