@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs what building, testing and the demo need on Debian 12, and only what is missing.
+# Installs what building, testing and the demo need on Debian 12, and only what is missing: Debian's
+# packages, and for the tests the Python packages that Debian lacks, those into build/venv.
 # Usage: scripts/install_dependencies.sh build|test|check
 #   build  the library, the ravu program, the demo
 #   test   the same and the test suite, fuzzing included
@@ -21,6 +22,7 @@ test=(
   python3 python3-numpy python3-pytest      # the Python side and its tests
   python3-dev pybind11-dev                  # the Python package's compiled module
   python3-pil                               # pictures in those tests
+  python3-venv                              # a place for what requirements-test.txt names
 )
 check=(clang-format clang-tidy gcovr libbenchmark-dev)
 
@@ -31,20 +33,40 @@ case "${1:-build}" in
   *) echo "usage: $0 build|test|check" >&2; exit 2 ;;
 esac
 
-missing=()
-for package in "${wanted[@]}"; do
-  state=$(dpkg-query -W -f='${Status}' "$package" 2>/dev/null || true)
-  [ "$state" = "install ok installed" ] || missing+=("$package")
-done
-if [ ${#missing[@]} -eq 0 ]; then
-  echo "Packages: all ${#wanted[@]} are installed."
-  exit 0
-fi
+install_packages() {
+  local missing=() package state
+  for package in "${wanted[@]}"; do
+    state=$(dpkg-query -W -f='${Status}' "$package" 2>/dev/null || true)
+    [ "$state" = "install ok installed" ] || missing+=("$package")
+  done
+  if [ ${#missing[@]} -eq 0 ]; then
+    echo "Packages: all ${#wanted[@]} are installed."
+    return
+  fi
+  echo "Packages: installing ${missing[*]}"
+  local as_root=()
+  [ "$(id -u)" -eq 0 ] || as_root=(sudo)
+  export DEBIAN_FRONTEND=noninteractive
+  "${as_root[@]}" apt-get update -qq
+  "${as_root[@]}" apt-get install -y -qq --no-install-recommends \
+    -o DPkg::Lock::Timeout=600 "${missing[@]}" >/dev/null
+}
 
-echo "Packages: installing ${missing[*]}"
-as_root=()
-[ "$(id -u)" -eq 0 ] || as_root=(sudo)
-export DEBIAN_FRONTEND=noninteractive
-"${as_root[@]}" apt-get update -qq
-"${as_root[@]}" apt-get install -y -qq --no-install-recommends \
-  -o DPkg::Lock::Timeout=600 "${missing[@]}" >/dev/null
+# The environment sees Debian's Python packages too. A copy of the list says what it holds.
+install_python_packages() {
+  local list venv
+  cd "$(dirname "$0")/.."
+  list=python/requirements-test.txt
+  venv=build/venv
+  if cmp -s "$list" "$venv/installed.txt"; then
+    echo "Python packages: as $list says."
+    return
+  fi
+  echo "Python packages: installing $list into $venv"
+  /usr/bin/python3 -m venv --clear --system-site-packages "$venv"
+  "$venv/bin/python3" -m pip install --quiet --disable-pip-version-check -r "$list"
+  cp "$list" "$venv/installed.txt"
+}
+
+install_packages
+if [ "${1:-build}" != build ]; then install_python_packages; fi
