@@ -132,12 +132,8 @@ def convert(
     return Report(destination, len(converted.model.layers), converted.outputs, recipe, differences)
 
 
-def _verified(
-    source: Path, trial: Path, recipe: Recipe, converted: Converted
-) -> list[Difference]:
-    differences = compare(
-        OnnxSource(source, converted.visible), trial, recipe, converted.visible
-    )
+def _verified(source: Path, trial: Path, recipe: Recipe, converted: Converted) -> list[Difference]:
+    differences = compare(OnnxSource(source, converted.visible), trial, recipe, converted.visible)
     tolerances = _tolerances(converted)
     failed = [d for d in differences if not d.relative <= tolerances[d.tensor]]
     if failed:

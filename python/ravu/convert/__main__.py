@@ -1,6 +1,6 @@
 """The command line of the converter: `python -m ravu.convert`, or `ravu convert`.
 
-Exit status: 0 done, 1 the source cannot be read, 2 misused, 3 refused, 4 not the same as the source.
+Exit status: 0 done, 1 the source cannot be read, 2 misused, 3 refused, 4 the result differs.
 """
 
 from __future__ import annotations
@@ -53,21 +53,38 @@ def _parser() -> argparse.ArgumentParser:
         " for three channels, 0 and 1 for one. The result takes plain bytes.",
     )
     parser.add_argument("source", type=Path, metavar="SRC", help="the ONNX file")
-    parser.add_argument("-o", "--output", type=Path, metavar="OUT",
-                        help="the model file (default: SRC with the ending .ravu)")
+    parser.add_argument(
+        "-o",
+        "--output",
+        type=Path,
+        metavar="OUT",
+        help="the model file (default: SRC with the ending .ravu)",
+    )
     pixels = parser.add_argument_group("what the source expects of its pixels")
     pixels.add_argument("--range", type=float, help="what white is: 255 means 0 to 1, 1 bytes")
     pixels.add_argument("--mean", type=_numbers, metavar="M,M,M")
     pixels.add_argument("--deviation", type=_numbers, metavar="D,D,D")
     pixels.add_argument("--bgr", action="store_true", help="its channels are blue, green, red")
-    pixels.add_argument("--fit", choices=("squash", "crop", "letterbox"), default="squash",
-                        help="how pictures come to the network's size (default: squash)")
+    pixels.add_argument(
+        "--fit",
+        choices=("squash", "crop", "letterbox"),
+        default="squash",
+        help="how pictures come to the network's size (default: squash)",
+    )
     parser.add_argument("--labels", type=Path, metavar="FILE", help="names of the classes, by line")
-    parser.add_argument("--label-offset", type=int, default=0, metavar="N",
-                        help="the score that the first label belongs to (default: 0)")
+    parser.add_argument(
+        "--label-offset",
+        type=int,
+        default=0,
+        metavar="N",
+        help="the score that the first label belongs to (default: 0)",
+    )
     parser.add_argument("--softmax", action="store_true", help="append a softmax to the outputs")
-    parser.add_argument("--no-verify", action="store_true",
-                        help="do not compare with the source; the file gets no card then")
+    parser.add_argument(
+        "--no-verify",
+        action="store_true",
+        help="do not compare with the source; the file gets no card then",
+    )
     parser.add_argument("--json", action="store_true", help="print one JSON value instead of text")
     return parser
 
@@ -91,8 +108,10 @@ def _print(report: Report, as_json: bool) -> None:
     recipe = report.recipe
     order = "blue, green, red" if recipe.bgr else "red, green, blue"
     print(f"{report.path}: {report.layers} layers")
-    print(f"source's pixels: (byte / {recipe.range:g} - {_list(recipe.mean)}) / "
-          f"{_list(recipe.deviation)}, {order}")
+    print(
+        f"source's pixels: (byte / {recipe.range:g} - {_list(recipe.mean)}) / "
+        f"{_list(recipe.deviation)}, {order}"
+    )
     for name, blob in report.outputs.items():
         print(f"output {name}: tensor {blob}")
     if not report.differences:

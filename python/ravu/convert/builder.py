@@ -228,8 +228,12 @@ class Builder:
         if h == w == 1:
             return value
         dims = (n, 1, 1, h * w * c)
-        return replace(value, blob=self.add_view(Flatten(), value, value.blob + "_flat", dims),
-                       dims=dims, planar=False)
+        return replace(
+            value,
+            blob=self.add_view(Flatten(), value, value.blob + "_flat", dims),
+            dims=dims,
+            planar=False,
+        )
 
     def convolve(
         self,
@@ -275,8 +279,9 @@ def absorb(layer: Layer, scale: np.ndarray, shift: np.ndarray) -> None:
         groups = len(layer.kernels)
         scales, shifts = np.split(scale, groups), np.split(shift, groups)
         biases = layer.biases or [None] * groups
-        layer.kernels = [np.float32(k * s[:, None, None, None])
-                         for k, s in zip(layer.kernels, scales)]
+        layer.kernels = [
+            np.float32(k * s[:, None, None, None]) for k, s in zip(layer.kernels, scales)
+        ]
         layer.biases = [_moved(b, s, t) for b, s, t in zip(biases, scales, shifts)]
 
 
@@ -289,6 +294,8 @@ def require_image(value: Value, what: str) -> tuple[int, int, int, int]:
     shape = image_shape(value)
     split = value.select is not None and value.select.ndim > 1
     if not value.planar or split or value.shape != shape:
-        raise Refused(f"{what} a tensor of shape {value.shape} that is no image",
-                      advice="only (batch, channels, height, width) can be processed")
+        raise Refused(
+            f"{what} a tensor of shape {value.shape} that is no image",
+            advice="only (batch, channels, height, width) can be processed",
+        )
     return shape

@@ -1,4 +1,4 @@
-"""From a source graph to a model: maps every node, and collects everything that cannot be mapped."""
+"""From a source graph to a model: maps every node, and collects all that cannot be mapped."""
 
 from __future__ import annotations
 
@@ -46,13 +46,19 @@ def convert_graph(
     graph: Graph, recipe: Recipe, *, labels: list[str] | None = None, softmax: bool = False
 ) -> Converted:
     """Raises `ConversionRefused` with every reason at once."""
-    n, channels, height, width = graph.shapes[graph.input]
+    _, channels, height, width = graph.shapes[graph.input]
     if height != width:
         reason = f"is {height} x {width}"
         refusal = Refusal(graph.input, "Input", "shape", reason, "export it with a square input")
         raise ConversionRefused([refusal])
-    model = Model(input_size=height, image_size=height, input_channels=channels,
-                  input_name="data", need_crop=False, labels=labels or [])
+    model = Model(
+        input_size=height,
+        image_size=height,
+        input_channels=channels,
+        input_name="data",
+        need_crop=False,
+        labels=labels or [],
+    )
     builder = Builder(model, graph.uses(), graph.outputs)
     builder.bind(graph.input, _source_input(recipe, channels, height))
     refusals = [refusal for node in graph.nodes if (refusal := _map(graph, node, builder))]
@@ -68,10 +74,14 @@ def _source_input(recipe: Recipe, channels: int, size: int) -> Value:
     scale, shift = recipe.affine(channels)
     order = recipe.order(channels)
     plain = (scale == 1).all() and (shift == 0).all()
-    return Value("data", (1, size, size, channels), (1, channels, size, size),
-                 select=None if order == sorted(order) else np.array(order),
-                 affine=None if plain else (scale, shift),
-                 at_least_zero=bool((scale > 0).all() and (shift >= 0).all()))
+    return Value(
+        "data",
+        (1, size, size, channels),
+        (1, channels, size, size),
+        select=None if order == sorted(order) else np.array(order),
+        affine=None if plain else (scale, shift),
+        at_least_zero=bool((scale > 0).all() and (shift >= 0).all()),
+    )
 
 
 def _map(graph: Graph, node: Node, builder: Builder) -> Refusal | None:
@@ -100,9 +110,7 @@ def _is_consequence(refusal: Refusal) -> bool:
     return "which nothing computes" in refusal.reason
 
 
-def _finish(
-    graph: Graph, builder: Builder, softmax: bool
-) -> tuple[dict[str, str], list[Refusal]]:
+def _finish(graph: Graph, builder: Builder, softmax: bool) -> tuple[dict[str, str], list[Refusal]]:
     """Make every output of the source one output of the engine, listed once."""
     outputs: dict[str, str] = {}
     refusals = []
@@ -112,8 +120,9 @@ def _finish(
             continue
         value = builder.settled(builder.values[name])
         if softmax:
-            value = replace(value, blob=builder.add(Softmax(), value, name + "_softmax",
-                                                    value.dims))
+            value = replace(
+                value, blob=builder.add(Softmax(), value, name + "_softmax", value.dims)
+            )
             name += " (softmax)"
         elif not _is_listed_once(builder.model, value.blob) or value.blob in outputs.values():
             value = builder.copy(value, name + "_output")

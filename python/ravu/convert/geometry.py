@@ -39,7 +39,10 @@ class Placement:
 
 
 def resolve_pads(
-    auto_pad: str, pads: list[int] | None, sizes: tuple[int, int], kernel: tuple[int, int],
+    auto_pad: str,
+    pads: list[int] | None,
+    sizes: tuple[int, int],
+    kernel: tuple[int, int],
     strides: tuple[int, int],
 ) -> Pads:
     """Explicit pads of an operator. `kernel` is the extent with dilation."""
@@ -62,8 +65,11 @@ def resolve_pads(
 
 def one_stride(strides: tuple[int, int]) -> int:
     if strides[0] != strides[1] or strides[0] < 1:
-        raise Refused(f"{list(strides)}: rows and columns have one stride here",
-                      attribute="strides", advice="use the same stride for both axes")
+        raise Refused(
+            f"{list(strides)}: rows and columns have one stride here",
+            attribute="strides",
+            advice="use the same stride for both axes",
+        )
     return strides[0]
 
 
@@ -81,12 +87,11 @@ def place_kernel(
     """
     stride = one_stride(strides)
     extent = tuple((k - 1) * d + 1 for k, d in zip(kernel, dilation))
-    out = tuple(
-        (n + pads[i] + pads[i + 2] - extent[i]) // stride + 1 for i, n in enumerate(sizes)
-    )
+    out = tuple((n + pads[i] + pads[i + 2] - extent[i]) // stride + 1 for i, n in enumerate(sizes))
     if min(out) < 1 or min(extent) < 1 or min(pads) < 0 or max(*extent, *pads, stride) > LARGEST:
-        raise Refused(f"a window of {extent} with pads {pads} does not fit {sizes}",
-                      attribute="kernel_shape")
+        raise Refused(
+            f"a window of {extent} with pads {pads} does not fit {sizes}", attribute="kernel_shape"
+        )
     for padding in range(max(pads[0], pads[1]), max(extent) + max(pads) + stride + 1):
         # Per axis: so many outputs, and the kernel's extent inside the square.
         least, most = [1], []
@@ -95,10 +100,21 @@ def place_kernel(
             least += [padded - stride * out[i] + 1, padding - pads[i] + extent[i]]
             most.append(padded - stride * (out[i] - 1))
         if max(least) <= min(most):
-            return Placement(max(least), padding, padding - pads[0], padding - pads[1], stride,
-                             out[0], out[1], dilation)
-    raise Refused(f"{list(pads)}: rows and columns change by different amounts", attribute="pads",
-                  advice="pad rows and columns alike")
+            return Placement(
+                max(least),
+                padding,
+                padding - pads[0],
+                padding - pads[1],
+                stride,
+                out[0],
+                out[1],
+                dilation,
+            )
+    raise Refused(
+        f"{list(pads)}: rows and columns change by different amounts",
+        attribute="pads",
+        advice="pad rows and columns alike",
+    )
 
 
 def aligner(change: Pads) -> Placement:
@@ -108,8 +124,11 @@ def aligner(change: Pads) -> Placement:
     """
     top, left, bottom, right = change
     if top + bottom != left + right:
-        raise Refused(f"rows change by {top + bottom}, columns by {left + right}",
-                      attribute="pads", advice="pad rows and columns alike")
+        raise Refused(
+            f"rows change by {top + bottom}, columns by {left + right}",
+            attribute="pads",
+            advice="pad rows and columns alike",
+        )
     padding = max(0, *change)
     size = 2 * padding - top - bottom + 1
     return Placement(size, padding, padding - top, padding - left, 1, 0, 0)

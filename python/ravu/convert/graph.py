@@ -97,8 +97,11 @@ class Graph:
             return default
         value = self.constants.get(node.inputs[position])
         if value is None:
-            raise Refused("is computed by the network", attribute=key,
-                          advice="export the model with this value as a constant")
+            raise Refused(
+                "is computed by the network",
+                attribute=key,
+                advice="export the model with this value as a constant",
+            )
         return value
 
     def without_dead_ends(self) -> None:

@@ -44,7 +44,7 @@ def read_onnx(path: Path) -> Graph:
         return _to_graph(model)
     except SourceError:
         raise
-    except Exception as error:  # noqa: BLE001  the onnx package raises bare exceptions of many kinds
+    except Exception as error:  # the onnx package raises bare exceptions too
         raise SourceError(f"{path}: {_first_line(error)}") from error
 
 
@@ -61,10 +61,12 @@ def load_checked(path: Path) -> onnx.ModelProto:
             _load_external(tensor, path.parent)
     try:
         onnx.checker.check_model(model)
-    except Exception as error:  # noqa: BLE001  also bare exceptions
+    except Exception as error:  # bare exceptions too
         raise SourceError(f"{path}: {_first_line(error)}") from error
     if _opset(model) < OLDEST_OPSET:
-        raise SourceError(f"{path}: operator set {_opset(model)}; at least {OLDEST_OPSET} is needed")
+        raise SourceError(
+            f"{path}: operator set {_opset(model)}; at least {OLDEST_OPSET} is needed"
+        )
     return onnx.inliner.inline_local_functions(model) if model.functions else model
 
 
@@ -209,7 +211,7 @@ def _evaluate(
         return None
     try:
         return _run(node, model, inputs)
-    except Exception:  # noqa: BLE001  what cannot be evaluated is left for the mapping to refuse
+    except Exception:  # what cannot be evaluated is left for the mapping to refuse
         return None
 
 

@@ -93,7 +93,7 @@ class OnnxSource:
             self._session = onnxruntime.InferenceSession(
                 model.SerializeToString(), options, providers=["CPUExecutionProvider"]
             )
-        except Exception as error:  # noqa: BLE001  its exceptions have no base of their own
+        except Exception as error:  # its exceptions have no base of their own
             raise SourceError(f"{path}: ONNX Runtime cannot load it: {error}") from error
         constants = {tensor.name for tensor in model.graph.initializer}
         inputs = [value.name for value in model.graph.input if value.name not in constants]
@@ -103,7 +103,7 @@ class OnnxSource:
         """All tensors for an input of (1, channels, height, width)."""
         try:
             values = self._session.run(self.tensors, {self._input: pixels})
-        except Exception as error:  # noqa: BLE001
+        except Exception as error:
             raise SourceError(f"{self._path}: ONNX Runtime cannot run it: {error}") from error
         return dict(zip(self.tensors, values))
 

@@ -47,8 +47,9 @@ def test_placed_kernels_read_what_the_sources_read():
         placed += 1
         for i, first in enumerate((placement.top, placement.left)):
             assert 0 <= first and first + (kernel[i] - 1) * dilation[i] < placement.size
-            expected = taps_of_source(sizes[i], kernel[i], stride, pads[i], pads[i + 2],
-                                      dilation[i])
+            expected = taps_of_source(
+                sizes[i], kernel[i], stride, pads[i], pads[i + 2], dilation[i]
+            )
             assert expected == taps_of_engine(sizes[i], placement, first, kernel[i], dilation[i])
     assert placed > 500
 
@@ -101,7 +102,12 @@ def test_a_last_window_that_would_start_in_the_padding_is_left_out():
 
 
 def test_hopeless_windows_are_refused():
-    for arguments in [(3, 4, 1, 0, 0, False), (3, 0, 1, 0, 0, False), (3, 2, 0, 0, 0, False),
-                      (3, 2, 1, -1, 0, False), (3, 2, 1, 1 << 40, 0, False)]:
+    for arguments in [
+        (3, 4, 1, 0, 0, False),
+        (3, 0, 1, 0, 0, False),
+        (3, 2, 0, 0, 0, False),
+        (3, 2, 1, -1, 0, False),
+        (3, 2, 1, 1 << 40, 0, False),
+    ]:
         with pytest.raises(Refused):
             source_windows(*arguments)

@@ -16,8 +16,9 @@ EXPECTED = (SourceError, ConversionRefused, VerificationFailed)
 def small_source():
     source = Source(size=6)
     x = source("Relu", source.conv("image", 3, 4, (3, 3), pads=[1, 1, 1, 1]))
-    x = source("Reshape", source("MaxPool", x, kernel_shape=[2, 2], strides=[2, 2]),
-               source.ints(1, -1))
+    x = source(
+        "Reshape", source("MaxPool", x, kernel_shape=[2, 2], strides=[2, 2]), source.ints(1, -1)
+    )
     return source, source("Gemm", x, source.weights(36, 5), source.weights(5))
 
 
@@ -88,8 +89,9 @@ def test_external_data_elsewhere_is_refused(tmp_path, location):
         convert(path, options=PLAIN)
 
 
-@pytest.mark.parametrize("entries", [{"offset": 5}, {"length": 1 << 40}, {"offset": -1},
-                                     {"offset": "x"}])
+@pytest.mark.parametrize(
+    "entries", [{"offset": 5}, {"length": 1 << 40}, {"offset": -1}, {"offset": "x"}]
+)
 def test_external_data_that_is_too_short_is_refused(tmp_path, entries):
     path, values = external(tmp_path, "weights.bin", **entries)
     (path.parent / "weights.bin").write_bytes(values)

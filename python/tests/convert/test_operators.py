@@ -33,30 +33,45 @@ def vector(s, op, *inputs, **attributes):
 
 CASES = {
     "Abs": [unary("Abs")],
-    "Add": [pair("Add"), with_constant("Add", 4, 1, 1), with_constant("Add", 1, 4, 9, 9),
-            with_constant("Add", 1), with_constant("Add", 9)],
-    "AveragePool": [lambda s: s("AveragePool", "image", **WINDOW),
-                    lambda s: s("AveragePool", "image", ceil_mode=1, kernel_shape=[2, 2],
-                                strides=[2, 2]),
-                    lambda s: s("AveragePool", "image", kernel_shape=[3, 2], strides=[1, 1],
-                                pads=[1, 0, 1, 1]),
-                    lambda s: s("AveragePool", "image", kernel_shape=[5, 5], pads=[2, 2, 2, 2],
-                                count_include_pad=1)],
-    "BatchNormalization": [lambda s: s("BatchNormalization", "image",
-                                       *(s.constant(0.5 + s.rng.random(3)) for _ in range(4)))],
+    "Add": [
+        pair("Add"),
+        with_constant("Add", 4, 1, 1),
+        with_constant("Add", 1, 4, 9, 9),
+        with_constant("Add", 1),
+        with_constant("Add", 9),
+    ],
+    "AveragePool": [
+        lambda s: s("AveragePool", "image", **WINDOW),
+        lambda s: s("AveragePool", "image", ceil_mode=1, kernel_shape=[2, 2], strides=[2, 2]),
+        lambda s: s("AveragePool", "image", kernel_shape=[3, 2], strides=[1, 1], pads=[1, 0, 1, 1]),
+        lambda s: s(
+            "AveragePool", "image", kernel_shape=[5, 5], pads=[2, 2, 2, 2], count_include_pad=1
+        ),
+    ],
+    "BatchNormalization": [
+        lambda s: s(
+            "BatchNormalization", "image", *(s.constant(0.5 + s.rng.random(3)) for _ in range(4))
+        )
+    ],
     "Cast": [unary("Cast", to=1)],
-    "Clip": [unary("Clip", -0.2, 0.7), lambda s: s("Clip", s.conv("image", 3, 4), "",
-                                                   s.constant(0.3)),
-             unary("Clip", 0.1)],
-    "Concat": [lambda s: s("Concat", s.conv("image", 3, 4), "image", axis=1),
-               lambda s: s("Concat", vector(s, "Identity"), vector(s, "Relu"), axis=1)],
+    "Clip": [
+        unary("Clip", -0.2, 0.7),
+        lambda s: s("Clip", s.conv("image", 3, 4), "", s.constant(0.3)),
+        unary("Clip", 0.1),
+    ],
+    "Concat": [
+        lambda s: s("Concat", s.conv("image", 3, 4), "image", axis=1),
+        lambda s: s("Concat", vector(s, "Identity"), vector(s, "Relu"), axis=1),
+    ],
     "Conv": [lambda s: s.conv("image", 3, 6, (3, 3), groups=3, pads=[1, 1, 1, 1])],
     "Div": [with_constant("Div", 4, 1, 1)],
     "Dropout": [unary("Dropout")],
     "Flatten": [lambda s: s("Flatten", s.conv("image", 3, 4))],
     "Gather": [lambda s: s("Gather", s.conv("image", 3, 4), s.ints(2, 0, -1), axis=1)],
-    "Gemm": [lambda s: vector(s, "Gemm", s.weights(4, 5), s.weights(5), alpha=0.5, beta=2.0),
-             lambda s: vector(s, "Gemm", s.weights(5, 4), transB=1)],
+    "Gemm": [
+        lambda s: vector(s, "Gemm", s.weights(4, 5), s.weights(5), alpha=0.5, beta=2.0),
+        lambda s: vector(s, "Gemm", s.weights(5, 4), transB=1),
+    ],
     "GlobalAveragePool": [unary("GlobalAveragePool")],
     "GlobalMaxPool": [unary("GlobalMaxPool")],
     "HardSigmoid": [unary("HardSigmoid")],
@@ -66,42 +81,75 @@ CASES = {
     "LpNormalization": [unary("LpNormalization", axis=1)],
     "MatMul": [lambda s: s("Add", vector(s, "MatMul", s.weights(4, 5)), s.weights(5))],
     "Max": [pair("Max"), with_constant("Max", 1)],
-    "MaxPool": [lambda s: s("MaxPool", "image", **WINDOW),
-                lambda s: s("MaxPool", "image", ceil_mode=1, kernel_shape=[2, 2], strides=[2, 2]),
-                lambda s: s("MaxPool", "image", kernel_shape=[2, 2], strides=[2, 2]),
-                lambda s: s("MaxPool", "image", auto_pad="SAME_UPPER", kernel_shape=[2, 2],
-                            strides=[2, 2]),
-                lambda s: s("MaxPool", "image", pads=[0, 0, 1, 1], **WINDOW)],
+    "MaxPool": [
+        lambda s: s("MaxPool", "image", **WINDOW),
+        lambda s: s("MaxPool", "image", ceil_mode=1, kernel_shape=[2, 2], strides=[2, 2]),
+        lambda s: s("MaxPool", "image", kernel_shape=[2, 2], strides=[2, 2]),
+        lambda s: s("MaxPool", "image", auto_pad="SAME_UPPER", kernel_shape=[2, 2], strides=[2, 2]),
+        lambda s: s("MaxPool", "image", pads=[0, 0, 1, 1], **WINDOW),
+    ],
     "Min": [pair("Min"), with_constant("Min", 1)],
-    "Mul": [with_constant("Mul", 4, 1, 1), with_constant("Mul", 1, first=True),
-            with_constant("Mul", 1, 1, 9, 9)],
+    "Mul": [
+        with_constant("Mul", 4, 1, 1),
+        with_constant("Mul", 1, first=True),
+        with_constant("Mul", 1, 1, 9, 9),
+    ],
     "Neg": [unary("Neg")],
-    "PRelu": [lambda s: s("PRelu", s.conv("image", 3, 4), s.weights(4, 1, 1)),
-              lambda s: s("PRelu", s.conv("image", 3, 4), s.weights(1))],
-    "Pad": [lambda s: s.conv(s("Pad", "image", s.ints(0, 0, 1, 0, 0, 0, 0, 1)), 3, 4, (2, 2)),
-            lambda s: s("Pad", "image", s.ints(0, 0, 1, 2, 0, 0, 2, 1))],
+    "PRelu": [
+        lambda s: s("PRelu", s.conv("image", 3, 4), s.weights(4, 1, 1)),
+        lambda s: s("PRelu", s.conv("image", 3, 4), s.weights(1)),
+    ],
+    "Pad": [
+        lambda s: s.conv(s("Pad", "image", s.ints(0, 0, 1, 0, 0, 0, 0, 1)), 3, 4, (2, 2)),
+        lambda s: s("Pad", "image", s.ints(0, 0, 1, 2, 0, 0, 2, 1)),
+    ],
     "Pow": [unary("Pow", 2.0)],
     "Reciprocal": [lambda s: s("Reciprocal", s("Add", "image", s.constant(0.5)))],
     "ReduceMax": [lambda s: s("ReduceMax", s.conv("image", 3, 4), axes=[2, 3], keepdims=0)],
-    "ReduceMean": [lambda s: s("ReduceMean", s.conv("image", 3, 4), axes=[2, 3], keepdims=0),
-                   lambda s: s("ReduceMean", s.conv("image", 3, 4), axes=[-1, -2])],
+    "ReduceMean": [
+        lambda s: s("ReduceMean", s.conv("image", 3, 4), axes=[2, 3], keepdims=0),
+        lambda s: s("ReduceMean", s.conv("image", 3, 4), axes=[-1, -2]),
+    ],
     "Relu": [unary("Relu")],
     "Reshape": [lambda s: s("Reshape", s.conv("image", 3, 4), s.ints(0, -1))],
-    "Slice": [lambda s: s("Slice", s.conv("image", 3, 6), s.ints(1), s.ints(2**60), s.ints(1),
-                          s.ints(2))],
-    "Softmax": [lambda s: vector(s, "Softmax", axis=1), unary("Softmax", axis=1),
-                lambda s: s("Softmax", s("Reshape", s("Transpose", s.conv("image", 3, 6),
-                                                      perm=[0, 2, 3, 1]), s.ints(1, -1, 3)),
-                            axis=-1)],
-    "Split": [lambda s: s("Concat", *s("Split", s.conv("image", 3, 6), s.ints(1, 5), axis=1,
-                                       outputs=2)[::-1], axis=1)],
+    "Slice": [
+        lambda s: s("Slice", s.conv("image", 3, 6), s.ints(1), s.ints(2**60), s.ints(1), s.ints(2))
+    ],
+    "Softmax": [
+        lambda s: vector(s, "Softmax", axis=1),
+        unary("Softmax", axis=1),
+        lambda s: s(
+            "Softmax",
+            s(
+                "Reshape",
+                s("Transpose", s.conv("image", 3, 6), perm=[0, 2, 3, 1]),
+                s.ints(1, -1, 3),
+            ),
+            axis=-1,
+        ),
+    ],
+    "Split": [
+        lambda s: s(
+            "Concat",
+            *s("Split", s.conv("image", 3, 6), s.ints(1, 5), axis=1, outputs=2)[::-1],
+            axis=1,
+        )
+    ],
     "Sqrt": [lambda s: s("Sqrt", "image")],
     "Squeeze": [lambda s: s("Squeeze", s("GlobalMaxPool", s.conv("image", 3, 4)), s.ints(2, 3))],
     "Sub": [pair("Sub"), with_constant("Sub", 4, 1, 1), with_constant("Sub", 1, first=True)],
     "Sum": [lambda s: s("Sum", *(s.conv("image", 3, 4) for _ in range(3)))],
-    "Transpose": [lambda s: s("Transpose", s.conv("image", 3, 4), perm=[0, 2, 3, 1]),
-                  lambda s: s("Relu", s("Transpose", s("Transpose", s.conv("image", 3, 4),
-                                                       perm=[0, 2, 3, 1]), perm=[0, 3, 1, 2]))],
+    "Transpose": [
+        lambda s: s("Transpose", s.conv("image", 3, 4), perm=[0, 2, 3, 1]),
+        lambda s: s(
+            "Relu",
+            s(
+                "Transpose",
+                s("Transpose", s.conv("image", 3, 4), perm=[0, 2, 3, 1]),
+                perm=[0, 3, 1, 2],
+            ),
+        ),
+    ],
     "Unsqueeze": [lambda s: s("Unsqueeze", vector(s, "Relu"), s.ints(2, 3))],
 }
 

@@ -31,7 +31,9 @@ def test_all_refusals_are_listed_at_once_and_nothing_is_written(tmp_path):
     source, y = three_obstacles()
     refusals = refusals_of(source, tmp_path, y)
     assert [(r.operator, r.attribute) for r in refusals] == [
-        ("Conv", "strides"), ("Sigmoid", ""), ("MaxPool", "kernel_shape")
+        ("Conv", "strides"),
+        ("Sigmoid", ""),
+        ("MaxPool", "kernel_shape"),
     ]
     assert all(r.reason and r.advice for r in refusals)
     assert [r.node for r in refusals] == ["Conv0", "Sigmoid1", "MaxPool3"]
@@ -46,7 +48,11 @@ def test_the_command_lists_refusals_and_says_so_in_its_status(tmp_path, capsys):
     assert main([str(path), "--json"]) == REFUSED
     listed = json.loads(capsys.readouterr().out)["refusals"]
     assert len(listed) == 3 and set(listed[0]) == {
-        "node", "operator", "attribute", "reason", "advice"
+        "node",
+        "operator",
+        "attribute",
+        "reason",
+        "advice",
     }
     assert sorted(p.name for p in tmp_path.iterdir()) == ["source.onnx"]
 

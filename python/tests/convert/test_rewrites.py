@@ -41,8 +41,14 @@ def test_padded_maxima_are_aligned_first(tmp_path, monkeypatch):
 @pytest.mark.parametrize("counts", [0, 1])
 def test_padded_averages_become_convolutions(tmp_path, monkeypatch, counts):
     source = Source(size=7)
-    y = source("AveragePool", "image", kernel_shape=[3, 3], strides=[2, 2], pads=[1, 1, 1, 1],
-               count_include_pad=counts)
+    y = source(
+        "AveragePool",
+        "image",
+        kernel_shape=[3, 3],
+        strides=[2, 2],
+        pads=[1, 1, 1, 1],
+        count_include_pad=counts,
+    )
     convert_with_and_without(source, [y], tmp_path, monkeypatch, ignore_windows, SIGNED)
 
 
@@ -158,9 +164,11 @@ def test_convolutions_absorb_selections(tmp_path, monkeypatch):
     def sabotage(monkeypatch):
         absorbed = weights._absorbed
         monkeypatch.setattr(
-            weights, "_absorbed",
-            lambda c, v, *rest: absorbed(c, replace(v, select=np.sort(v.select))
-                                         if v.select is not None else v, *rest),
+            weights,
+            "_absorbed",
+            lambda c, v, *rest: absorbed(
+                c, replace(v, select=np.sort(v.select)) if v.select is not None else v, *rest
+            ),
         )
 
     layers = convert_with_and_without(source, [y], tmp_path, monkeypatch, sabotage)

@@ -32,13 +32,15 @@ class Context:
         """An operand that the network computes."""
         name = self._name(position)
         if name in self.graph.constants:
-            raise Refused("is a constant where the network's data is expected",
-                          attribute=f"input {position}")
+            raise Refused(
+                "is a constant where the network's data is expected", attribute=f"input {position}"
+            )
         try:
             return self.builder.values[name]
         except KeyError:
-            raise Refused(f"reads {name!r}, which nothing computes",
-                          attribute=f"input {position}") from None
+            raise Refused(
+                f"reads {name!r}, which nothing computes", attribute=f"input {position}"
+            ) from None
 
     def settled(self, position: int = 0) -> Value:
         return self.builder.settled(self.value(position))
@@ -47,8 +49,11 @@ class Context:
         """An operand that must be a constant."""
         values = self.graph.constants.get(self._name(position))
         if values is None:
-            raise Refused("is computed by the network", attribute=what,
-                          advice="only constants can be stored as weights")
+            raise Refused(
+                "is computed by the network",
+                attribute=what,
+                advice="only constants can be stored as weights",
+            )
         return values
 
     def optional_constant(self, position: int, what: str) -> np.ndarray | None:
@@ -76,8 +81,11 @@ class Context:
         uses = self.graph.uses()
         for name in self.node.outputs[1:]:
             if name and uses.get(name):
-                raise Refused("has no counterpart", attribute=f"output {name!r}",
-                              advice="remove what reads it")
+                raise Refused(
+                    "has no counterpart",
+                    attribute=f"output {name!r}",
+                    advice="remove what reads it",
+                )
 
     def _name(self, position: int) -> str:
         if len(self.node.inputs) <= position or not self.node.inputs[position]:

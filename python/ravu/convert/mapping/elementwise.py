@@ -19,8 +19,7 @@ def identity(context: Context) -> None:
 def dropout(context: Context) -> None:
     context.only_first_output()
     if context.node.opset >= 12 and np.any(context.optional_constant(2, "training_mode")):
-        raise Refused("is on", attribute="training_mode",
-                      advice="export the model for inference")
+        raise Refused("is on", attribute="training_mode", advice="export the model for inference")
     identity(context)
 
 
@@ -51,8 +50,11 @@ def prelu(context: Context) -> None:
     value = context.settled()
     spread = _per_channel(slopes, value)
     if spread is None:
-        raise Refused(f"has slopes of shape {slopes.shape} for {value.shape}", attribute="slope",
-                      advice="one slope, or one for each channel")
+        raise Refused(
+            f"has slopes of shape {slopes.shape} for {value.shape}",
+            attribute="slope",
+            advice="one slope, or one for each channel",
+        )
     context.bind(context.builder.sloped(value, spread, context.output))
 
 
@@ -131,9 +133,11 @@ def subtract(context: Context) -> None:
 
 def multiply(context: Context) -> None:
     if not any(context.is_constant(i) for i in range(2)):
-        raise Refused("multiplies two computed tensors",
-                      advice="products on the processor have a constant factor; export the model "
-                      "without gates such as squeeze-and-excitation, swish or attention")
+        raise Refused(
+            "multiplies two computed tensors",
+            advice="products on the processor have a constant factor; export the model "
+            "without gates such as squeeze-and-excitation, swish or attention",
+        )
     position = 0 if context.is_constant(0) else 1
     _with_constant(context, context.value(1 - position), context.constant(position, "B"), 0.0)
 
@@ -161,7 +165,9 @@ def minimum(context: Context) -> None:
 def _extreme(context: Context, *, larger: bool) -> None:
     builder = context.builder
     if len(context.node.inputs) != 2:
-        raise Refused(f"compares {len(context.node.inputs)} tensors", advice="compare two at a time")
+        raise Refused(
+            f"compares {len(context.node.inputs)} tensors", advice="compare two at a time"
+        )
     for i in range(2):
         if context.is_constant(i):
             limit = context.constant(i, "B")
@@ -198,8 +204,10 @@ def _alike(context: Context, values: list[Value]) -> list[Value]:
     first = values[0]
     if any(value.shape != first.shape for value in values):
         shapes = ", ".join(str(value.shape) for value in values)
-        raise Refused(f"combines tensors of the shapes {shapes}",
-                      advice="computed tensors of different shapes cannot be combined")
+        raise Refused(
+            f"combines tensors of the shapes {shapes}",
+            advice="computed tensors of different shapes cannot be combined",
+        )
     if all(value.dims == first.dims and value.planar == first.planar for value in values):
         return values
     if all(not value.planar or value.is_vector for value in values):

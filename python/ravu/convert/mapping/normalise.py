@@ -15,17 +15,23 @@ def softmax(context: Context) -> None:
     rank = len(value.shape)
     axis = int(node.get("axis", 1 if node.opset < 13 else -1)) % rank
     if node.opset < 13 and axis < rank - 1 and any(n > 1 for n in value.shape[axis + 1 :]):
-        raise Refused(f"{axis}: before operator set 13 this joins axes", attribute="axis",
-                      advice="export the model with a newer operator set")
+        raise Refused(
+            f"{axis}: before operator set 13 this joins axes",
+            attribute="axis",
+            advice="export the model with a newer operator set",
+        )
     size = value.shape[axis]
     on_channels = (axis == 1 and (value.is_image or (value.is_vector and rank == 2))) or (
         axis == rank - 1 and not value.planar and value.dims[3] == size
     )
     rows = axis == rank - 1 and (not value.planar or value.is_vector)
     if size < 2 or not (on_channels or rows):
-        raise Refused(f"{axis} of {value.shape}", attribute="axis",
-                      advice="softmax over at least two channels, or over the last axis behind a "
-                      "change to channels last")
+        raise Refused(
+            f"{axis} of {value.shape}",
+            attribute="axis",
+            advice="softmax over at least two channels, or over the last axis behind a "
+            "change to channels last",
+        )
     if not on_channels:
         n, h, w, c = value.dims
         dims = (n, h * w * c // size, 1, size)
@@ -43,10 +49,17 @@ def lrn(context: Context) -> None:
     if not value.is_image:
         raise Refused(f"normalises {value.shape}")
     if size < 1 or size % 2 == 0:
-        raise Refused(f"{size}: windows have a channel in the middle here", attribute="size",
-                      advice="use an odd size")
-    layer = Lrn(size=size, k=node.get("bias", 1.0), alpha=node.get("alpha", 1e-4),
-                beta=node.get("beta", 0.75))
+        raise Refused(
+            f"{size}: windows have a channel in the middle here",
+            attribute="size",
+            advice="use an odd size",
+        )
+    layer = Lrn(
+        size=size,
+        k=node.get("bias", 1.0),
+        alpha=node.get("alpha", 1e-4),
+        beta=node.get("beta", 0.75),
+    )
     blob = context.builder.add(layer, value, context.output, value.dims)
     context.bind(replace(value, blob=blob))
 

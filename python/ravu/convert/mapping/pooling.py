@@ -42,8 +42,11 @@ def max_pool(context: Context) -> None:
     value = context.settled()
     pooling = _read(context, value)
     if pooling.kernel[0] != pooling.kernel[1]:
-        raise Refused(f"{list(pooling.kernel)}: windows are square here", attribute="kernel_shape",
-                      advice="use a square window")
+        raise Refused(
+            f"{list(pooling.kernel)}: windows are square here",
+            attribute="kernel_shape",
+            advice="use a square window",
+        )
     if _is_identity(pooling):
         return context.bind(value)
     paddings = _engine_paddings(pooling)
@@ -139,8 +142,11 @@ def _engine_paddings(pooling: _Pooling) -> tuple[int, int] | None:
 def _aligned(context: Context, value: Value, pooling: _Pooling) -> Value:
     """The input with the source's padding around it and no more rows than its windows reach."""
     if any(pooling.pads) and not value.at_least_zero:
-        raise Refused(f"{list(pooling.pads)} around values that may be negative", attribute="pads",
-                      advice="pool without padding, or behind a rectifier")
+        raise Refused(
+            f"{list(pooling.pads)} around values that may be negative",
+            attribute="pads",
+            advice="pool without padding, or behind a rectifier",
+        )
     top, left = pooling.pads[:2]
     reach = [(out - 1) * pooling.stride + k for out, k in zip(pooling.out, pooling.kernel)]
     bottom = reach[0] - top - pooling.sizes[0]
@@ -151,8 +157,13 @@ def _aligned(context: Context, value: Value, pooling: _Pooling) -> Value:
 def _pool(
     context: Context, value: Value, pooling: _Pooling, mode: str, paddings: tuple[int, int]
 ) -> Value:
-    layer = Pool(size=pooling.kernel[0], stride=pooling.stride, padding_h=paddings[0],
-                 padding_w=paddings[1], mode=mode)
+    layer = Pool(
+        size=pooling.kernel[0],
+        stride=pooling.stride,
+        padding_h=paddings[0],
+        padding_w=paddings[1],
+        mode=mode,
+    )
     n, c = value.dims[0], value.dims[3]
     dims = (n, *pooling.out, c)
     blob = context.builder.add(layer, value, context.output, dims)
@@ -164,8 +175,12 @@ def _averaging_convolution(context: Context, value: Value, pooling: _Pooling) ->
     # In ceil mode the last window may reach further than the padding.
     reach = [(out - 1) * pooling.stride + k for out, k in zip(pooling.out, pooling.kernel)]
     top, left = pooling.pads[:2]
-    pads = (top, left, max(pooling.pads[2], reach[0] - top - pooling.sizes[0]),
-            max(pooling.pads[3], reach[1] - left - pooling.sizes[1]))
+    pads = (
+        top,
+        left,
+        max(pooling.pads[2], reach[0] - top - pooling.sizes[0]),
+        max(pooling.pads[3], reach[1] - left - pooling.sizes[1]),
+    )
     strides = (pooling.stride, pooling.stride)
     placement: Placement = place_kernel(pooling.sizes, pooling.kernel, strides, pads)
     channels = value.dims[3]
@@ -185,7 +200,7 @@ def _corrected(context: Context, value: Value, pooling: _Pooling, counts_padding
     factors = np.prod(pooling.kernel) / np.outer(rows, columns)
     if (factors == 1).all():
         return value
-    n, h, w, c = value.dims
+    _, h, w, c = value.dims
     scales = np.repeat(factors.reshape(h, w, 1), c, axis=2).astype(np.float32).ravel()
     blob = context.builder.add(Scale(scales=scales), value, context.output, value.dims)
     return replace(value, blob=blob)

@@ -18,8 +18,9 @@ def relabel(context: Context) -> None:
     """Flatten, reshape, squeeze, unsqueeze: only the shape changes."""
     value, shape = context.value(), context.shape
     if shape is None:
-        raise Refused("has a shape that depends on the input",
-                      advice="export the model with fixed sizes")
+        raise Refused(
+            "has a shape that depends on the input", advice="export the model with fixed sizes"
+        )
     if value.affine is not None or value.pad is not None:
         value = context.builder.settled(value)
     split = _split_channels(value, shape)
@@ -61,9 +62,12 @@ def transpose(context: Context) -> None:
         return context.bind(replace(value, planar=False, shape=shape))
     if not value.planar and value.shape == value.dims and order == (0, 3, 1, 2):
         return context.bind(replace(value, planar=True, shape=shape))
-    raise Refused(f"{list(order)} of {value.shape}", attribute="perm",
-                  advice="only changes between channels first and channels last, and of split "
-                  "channels, can be expressed")
+    raise Refused(
+        f"{list(order)} of {value.shape}",
+        attribute="perm",
+        advice="only changes between channels first and channels last, and of split "
+        "channels, can be expressed",
+    )
 
 
 def concat(context: Context) -> None:
@@ -128,8 +132,9 @@ def gather(context: Context) -> None:
     indices = context.constant(1, "indices")
     axis = _channel_axis(value, int(context.node.get("axis", 0)))
     if indices.ndim != 1:
-        raise Refused(f"of shape {indices.shape}", attribute="indices",
-                      advice="use a list of channels")
+        raise Refused(
+            f"of shape {indices.shape}", attribute="indices", advice="use a list of channels"
+        )
     context.builder.bind(context.output, _channels(value, axis, indices % value.shape[axis]))
 
 
@@ -137,8 +142,11 @@ def pad(context: Context) -> None:
     """A border of zeros, left pending for a convolution's padding."""
     value = context.value()
     if context.node.get("mode", "constant") != "constant":
-        raise Refused(f"{context.node.get('mode')!r}", attribute="mode",
-                      advice="only borders of zeros can be expressed")
+        raise Refused(
+            f"{context.node.get('mode')!r}",
+            attribute="mode",
+            advice="only borders of zeros can be expressed",
+        )
     fill = context.option("value", 2, 0.0)
     if np.any(np.ravel(fill)):
         raise Refused(f"{fill}: borders are zero", attribute="value")
@@ -152,9 +160,7 @@ def pad(context: Context) -> None:
     n, c, h, w = require_image(value, "pads")
     top, left, bottom, right = amounts[2], amounts[3], amounts[6], amounts[7]
     if value.pad is not None:
-        top, left, bottom, right = (
-            a + b for a, b in zip(value.pad, (top, left, bottom, right))
-        )
+        top, left, bottom, right = (a + b for a, b in zip(value.pad, (top, left, bottom, right)))
         value = replace(value, pad=None)
         h, w = value.dims[1:3]
     shape = (n, c, h + top + bottom, w + left + right)
@@ -166,8 +172,11 @@ def _channel_axis(value: Value, axis: int) -> int:
     axis %= len(value.shape)
     require_image(value, "cuts")
     if axis != 1:
-        raise Refused(f"{axis}: only channels can be cut out", attribute="axis",
-                      advice="cut out whole channels of an image")
+        raise Refused(
+            f"{axis}: only channels can be cut out",
+            attribute="axis",
+            advice="cut out whole channels of an image",
+        )
     return axis
 
 

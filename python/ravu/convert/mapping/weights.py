@@ -19,8 +19,11 @@ def conv(context: Context) -> None:
     weights = context.constant(1, "W").astype(np.float64)
     bias = context.optional_constant(2, "B")
     if weights.ndim != 4:
-        raise Refused(f"convolves {weights.ndim - 2} axes", attribute="W",
-                      advice="only two-dimensional convolution can be expressed")
+        raise Refused(
+            f"convolves {weights.ndim - 2} axes",
+            attribute="W",
+            advice="only two-dimensional convolution can be expressed",
+        )
     value = context.value()
     channels, height, width = require_image(value, "convolves")[1:]
     groups = int(node.get("group", 1))
@@ -31,8 +34,9 @@ def conv(context: Context) -> None:
     dilation = tuple(node.get("dilations", (1, 1)))
     strides = tuple(node.get("strides", (1, 1)))
     extent = tuple((k - 1) * d + 1 for k, d in zip(kernel, dilation))
-    pads = resolve_pads(node.get("auto_pad", "NOTSET"), node.get("pads"), (height, width), extent,
-                        strides)
+    pads = resolve_pads(
+        node.get("auto_pad", "NOTSET"), node.get("pads"), (height, width), extent, strides
+    )
     pads = tuple(p + b for p, b in zip(pads, border))
     placement = place_kernel(sizes, kernel, strides, pads, dilation)
     kernels = weights.transpose(0, 2, 3, 1)
@@ -100,8 +104,10 @@ def _dense(context: Context, weights: np.ndarray, bias: np.ndarray | None) -> No
     value = context.settled()
     n, h, w, c = value.dims
     if weights.ndim != 2 or value.shape != (n, weights.shape[0]) or weights.shape[0] != h * w * c:
-        raise Refused(f"multiplies {value.shape} by {weights.shape}",
-                      advice="only (batch, features) times a matrix can be expressed")
+        raise Refused(
+            f"multiplies {value.shape} by {weights.shape}",
+            advice="only (batch, features) times a matrix can be expressed",
+        )
     outputs = weights.shape[1]
     if value.planar:
         # The source counts channel after channel, the engine pixel after pixel.
@@ -118,8 +124,11 @@ def batch_norm(context: Context) -> None:
     node = context.node
     context.only_first_output()
     if node.get("training_mode", 0):
-        raise Refused("normalises by the batch itself", attribute="training_mode",
-                      advice="export the model for inference")
+        raise Refused(
+            "normalises by the batch itself",
+            attribute="training_mode",
+            advice="export the model for inference",
+        )
     names = ("scale", "B", "mean", "var")
     gamma, beta, mean, variance = (
         context.constant(i + 1, what).astype(np.float64) for i, what in enumerate(names)
