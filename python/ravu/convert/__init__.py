@@ -5,7 +5,8 @@
     report = convert("resnet50.onnx", "resnet50.ravu")
     print(report.differences[0])                     # the worst tensor
 
-From the command line: `python -m ravu.convert resnet50.onnx`. docs/converting.md says what can be
+From the command line: `python -m ravu.convert resnet50.onnx`, or for Caffe models
+`python -m ravu.convert deploy.prototxt weights.caffemodel`. docs/converting.md says what can be
 converted.
 """
 
@@ -13,14 +14,18 @@ from __future__ import annotations
 
 import os
 import tempfile
-from dataclasses import dataclass, field
+from collections.abc import Callable
+from dataclasses import dataclass, field, replace
+from functools import partial
 from pathlib import Path
 from typing import Any
 
 from ..network import EngineError
-from .card import make_card, output_samples
+from .caffe import load_caffe, read_caffe, read_mean
+from .caffe.evaluate import CaffeSource
+from .card import make_card, output_samples, summary
 from .converter import Converted, convert_graph
-from .graph import ConversionRefused, Refusal, SourceError
+from .graph import ConversionRefused, Graph, Refusal, SourceError
 from .onnx_source import read_onnx
 from .recipe import Recipe
 from .verify import (
@@ -28,6 +33,7 @@ from .verify import (
     TOLERANCE_WITH_NORMALISATION,
     Difference,
     OnnxSource,
+    Source,
     compare,
 )
 
@@ -49,6 +55,8 @@ class Options:
     """recipe:       what the source expects of its pixels; what it leaves open is the usual
     labels:       the names of the classes
     label_offset: the score that the first label belongs to
+    weights:      the caffemodel, where the source is a Caffe network description
+    mean_file:    the mean image (binaryproto) of a Caffe network; its mean per channel is used
     softmax:      whether to append a softmax to the source's outputs
     verify:       whether to compare with the source before anything is written
     """
@@ -56,6 +64,8 @@ class Options:
     recipe: Recipe = Recipe()
     labels: list[str] = field(default_factory=list)
     label_offset: int = 0
+    weights: Path | None = None
+    mean_file: Path | None = None
     softmax: bool = False
     verify: bool = True
 
@@ -109,31 +119,63 @@ def convert(
     """
     source = Path(source)
     destination = Path(destination) if destination else source.with_suffix(".ravu")
-    if destination.resolve() == source.resolve():
-        raise SourceError(f"{source}: the result would replace the source")
-    graph = read_onnx(source)
-    channels = graph.shapes[graph.input][1]
-    recipe = options.recipe.resolved(channels)
-    converted = convert_graph(graph, recipe, labels=options.labels, softmax=options.softmax)
+    loaded = _load(source, options)
+    if destination.resolve() in (file.resolve() for file in loaded.files):
+        raise SourceError(f"{destination}: the result would replace the source")
+    converted = convert_graph(
+        loaded.graph, loaded.recipe, labels=options.labels, softmax=options.softmax
+    )
     differences: list[Difference] = []
     if options.verify:
         with tempfile.TemporaryDirectory() as folder:
             trial = Path(folder) / "trial.ravu"
             converted.model.write(trial)
             try:
-                differences = _verified(source, trial, recipe, converted)
+                differences = _verified(loaded, trial, converted)
                 check = output_samples(trial)
             except EngineError as error:
                 raise SourceError(f"{source}: the engine cannot run the result: {error}") from error
-        scores = "probabilities" if _ends_in_softmax(converted) else "logits"
-        card = make_card(source, "onnx", recipe, scores, options.label_offset, differences)
-        converted.model.card = {**card, "check": check}
+        task, scores = _task(converted)
+        card = make_card(loaded.files, loaded.recipe, task, scores, options.label_offset)
+        converted.model.card = {**card, "verification": summary(differences), "check": check}
     converted.model.write(destination)
-    return Report(destination, len(converted.model.layers), converted.outputs, recipe, differences)
+    layers = len(converted.model.layers)
+    return Report(destination, layers, converted.outputs, loaded.recipe, differences)
 
 
-def _verified(source: Path, trial: Path, recipe: Recipe, converted: Converted) -> list[Difference]:
-    differences = compare(OnnxSource(source, converted.visible), trial, recipe, converted.visible)
+@dataclass(frozen=True)
+class _Loaded:
+    """files:  what was read
+    runner: makes of a list of tensors what runs the source and fetches them
+    """
+
+    graph: Graph
+    recipe: Recipe
+    files: list[Path]
+    runner: Callable[[list[str]], Source]
+
+
+def _load(source: Path, options: Options) -> _Loaded:
+    recipe = options.recipe
+    if options.weights is None:
+        if source.suffix == ".prototxt":
+            raise SourceError(f"{source}: the weights (a caffemodel) are missing")
+        graph = read_onnx(source)
+        recipe = recipe.resolved(graph.shapes[graph.input][1])
+        return _Loaded(graph, recipe, [source], partial(OnnxSource, source))
+    model = load_caffe(source, options.weights)
+    files = [source, options.weights]
+    if options.mean_file is not None:
+        recipe = replace(recipe, mean=read_mean(options.mean_file))
+        files.append(options.mean_file)
+    recipe = recipe.resolved_for_caffe()
+    return _Loaded(read_caffe(model), recipe, files, partial(CaffeSource, model))
+
+
+def _verified(loaded: _Loaded, trial: Path, converted: Converted) -> list[Difference]:
+    runner = loaded.runner(list(converted.visible))
+    tables = _written_by(converted, "detectionout")
+    differences = compare(runner, trial, loaded.recipe, converted.visible, tables)
     tolerances = _tolerances(converted)
     failed = [d for d in differences if not d.relative <= tolerances[d.tensor]]
     if failed:
@@ -141,12 +183,20 @@ def _verified(source: Path, trial: Path, recipe: Recipe, converted: Converted) -
     return differences
 
 
+def _written_by(converted: Converted, keyword: str) -> set[str]:
+    """The source tensors that layers of one class write."""
+    blobs = {
+        o for layer in converted.model.layers if layer.keyword == keyword for o in layer.outputs
+    }
+    return {name for name, value in converted.visible.items() if value.blob in blobs}
+
+
 def _tolerances(converted: Converted) -> dict[str, float]:
     """The engine's local response normalisation is an approximation: what comes after the first
-    one is compared less strictly."""
+    one is compared less strictly, and so are tables of detections."""
     exact: set[str] = {converted.model.input_name}
     for layer in converted.model.layers:
-        if layer.keyword == "normalize":
+        if layer.keyword in ("normalize", "detectionout"):
             break
         exact.update(layer.outputs)
     return {
@@ -155,10 +205,10 @@ def _tolerances(converted: Converted) -> dict[str, float]:
     }
 
 
-def _ends_in_softmax(converted: Converted) -> bool:
+def _task(converted: Converted) -> tuple[str, str]:
+    """What the outputs are for, and what their values are."""
     last = set(converted.outputs.values())
-    return all(
-        layer.keyword == "max"
-        for layer in converted.model.layers
-        if last.intersection(layer.outputs)
-    )
+    kinds = {layer.keyword for layer in converted.model.layers if last.intersection(layer.outputs)}
+    if "detectionout" in kinds:
+        return "detector", "probabilities"
+    return "classifier", "probabilities" if kinds == {"max"} else "logits"

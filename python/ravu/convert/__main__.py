@@ -46,13 +46,17 @@ def main(arguments: Sequence[str] | None = None) -> int:
 def _parser() -> argparse.ArgumentParser:
     parser = argparse.ArgumentParser(
         prog="ravu convert",
-        description="Convert an ONNX model, and prove that the result computes the same.",
+        description="Convert an ONNX or Caffe model, and prove that the result computes the same.",
         epilog="The source is assumed to take (byte / range - mean) / deviation, by default what "
         "classifiers of photographs are usually trained with: mean "
         f"{','.join(map(str, IMAGENET_MEAN))} and deviation {','.join(map(str, IMAGENET_DEVIATION))}"
-        " for three channels, 0 and 1 for one. The result takes plain bytes.",
+        " for three channels, 0 and 1 for one. Caffe models take bytes less the mean, blue, green, "
+        "red. The result takes plain bytes, red, green, blue.",
     )
-    parser.add_argument("source", type=Path, metavar="SRC", help="the ONNX file")
+    parser.add_argument("source", type=Path, metavar="SRC", help="an ONNX file, or a prototxt")
+    parser.add_argument(
+        "weights", type=Path, metavar="CAFFEMODEL", nargs="?", help="the weights of a prototxt"
+    )
     parser.add_argument(
         "-o",
         "--output",
@@ -64,7 +68,15 @@ def _parser() -> argparse.ArgumentParser:
     pixels.add_argument("--range", type=float, help="what white is: 255 means 0 to 1, 1 bytes")
     pixels.add_argument("--mean", type=_numbers, metavar="M,M,M")
     pixels.add_argument("--deviation", type=_numbers, metavar="D,D,D")
-    pixels.add_argument("--bgr", action="store_true", help="its channels are blue, green, red")
+    pixels.add_argument(
+        "--mean-file", type=Path, metavar="FILE", help="a binaryproto; its mean of each channel"
+    )
+    pixels.add_argument(
+        "--bgr",
+        action=argparse.BooleanOptionalAction,
+        default=None,
+        help="its channels are blue, green, red (Caffe's usually are)",
+    )
     pixels.add_argument(
         "--fit",
         choices=("squash", "crop", "letterbox"),
@@ -95,10 +107,18 @@ def _numbers(text: str) -> tuple[float, ...]:
 
 def _options(given: argparse.Namespace) -> Options:
     recipe = Recipe(given.range, given.mean, given.deviation, given.bgr, given.fit)
-    labels = []
+    labels: list[str] = []
     if given.labels:
         labels = given.labels.read_text(encoding="utf-8").splitlines()
-    return Options(recipe, labels, given.label_offset, given.softmax, not given.no_verify)
+    return Options(
+        recipe=recipe,
+        labels=labels,
+        label_offset=given.label_offset,
+        weights=given.weights,
+        mean_file=given.mean_file,
+        softmax=given.softmax,
+        verify=not given.no_verify,
+    )
 
 
 def _print(report: Report, as_json: bool) -> None:

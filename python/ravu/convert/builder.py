@@ -7,6 +7,7 @@ but what the processor computes.
 from __future__ import annotations
 
 from dataclasses import replace
+from typing import Any
 
 import numpy as np
 
@@ -33,12 +34,14 @@ class Builder:
 
     model:   what is being built
     visible: source tensors whose values still stand in a tensor of the engine after a run
+    notes:   what one mapping function leaves for another, by the tensor that it is about
     """
 
     def __init__(self, model: Model, uses: dict[str, int], outputs: list[str]) -> None:
         self.model = model
         self.values: dict[str, Value] = {}
         self.visible: dict[str, Value] = {}
+        self.notes: dict[str, Any] = {}
         self._uses = dict(uses)
         self._outputs = set(outputs)
         self._names = {model.input_name}
@@ -81,6 +84,12 @@ class Builder:
     def _overwritten(self, blob: str) -> None:
         root = self._root(blob)
         gone = [n for n, value in self.visible.items() if self._root(value.blob) == root]
+        for name in gone:
+            del self.visible[name]
+
+    def hide(self, blobs: set[str]) -> None:
+        """These hold something else than the source's tensors."""
+        gone = [name for name, value in self.visible.items() if value.blob in blobs]
         for name in gone:
             del self.visible[name]
 
@@ -131,6 +140,11 @@ class Builder:
         """The same values in a blob of their own: a scale by one."""
         ones = np.ones(value.dims[3], np.float32)
         return replace(value, blob=self.add(Scale(scales=ones), value, wanted, value.dims))
+
+    def writer(self, blob: str) -> Layer | None:
+        """The last layer that writes a blob; None for the input."""
+        writers = [layer for layer in self.model.layers if blob in layer.outputs]
+        return writers[-1] if writers else None
 
     # What is pending
 
@@ -188,6 +202,16 @@ class Builder:
         if free and not self.is_output(wanted):
             return self.in_place(layer, value)
         return replace(value, blob=self.add(layer, value, wanted, value.dims))
+
+    def absorb_for_good(self, layer: Conv, scale: np.ndarray, shift: np.ndarray) -> None:
+        """Multiply and shift a layer's outputs for one reader who undoes it: nothing that holds
+        them, or is made of them, is the source's any more."""
+        absorb(layer, scale, shift)
+        changed = set(layer.outputs)
+        for later in self.model.layers:
+            if changed.intersection(later.inputs):
+                changed.update(later.outputs)
+        self.hide(changed)
 
     def rectified(self, value: Value, wanted: str, slope: float = 0.0) -> Value:
         """The larger of x and x * slope, for slopes from 0 to 1."""

@@ -18,27 +18,28 @@ CHECKED_PICTURE = 3
 
 
 def make_card(
-    source: Path,
-    format_name: str,
-    recipe: Recipe,
-    scores: str,
-    label_offset: int,
-    differences: list[Difference],
+    files: list[Path], recipe: Recipe, task: str, scores: str, label_offset: int
 ) -> dict[str, Any]:
-    """The card of a classifier without its repeatable check."""
-    digest = hashlib.sha256(source.read_bytes()).hexdigest()
+    """What is known before anything was compared."""
     return {
         "version": 1,
-        "source": {"name": source.name, "format": format_name, "sha256": digest},
-        "task": "classifier",
+        "source": [
+            {"name": file.name, "sha256": hashlib.sha256(file.read_bytes()).hexdigest()}
+            for file in files
+        ],
+        "task": task,
         "input": {"order": "rgb", "fit": recipe.fit, "folded": recipe.to_json()},
         "scores": scores,
         "label_offset": label_offset,
-        "verification": {
-            "pictures": len(pictures(1, 1)),
-            "tensors": len(differences),
-            "worst": [d.to_json() for d in differences[:WORST_LISTED]],
-        },
+    }
+
+
+def summary(differences: list[Difference]) -> dict[str, Any]:
+    """What a comparison found."""
+    return {
+        "pictures": len(pictures(1, 1)),
+        "tensors": len(differences),
+        "worst": [d.to_json() for d in differences[:WORST_LISTED]],
     }
 
 

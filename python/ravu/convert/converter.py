@@ -89,7 +89,9 @@ def _map(graph: Graph, node: Node, builder: Builder) -> Refusal | None:
     try:
         operator = OPERATORS.get(node.op)
         if operator is None:
-            raise Refused("has no counterpart", advice=_HINTS.get(node.op, ""))
+            raise node.get("refused") or Refused(
+                "has no counterpart", advice=_HINTS.get(node.op, "")
+            )
         operator(Context(graph, node, builder))
         return None
     except Refused as refused:

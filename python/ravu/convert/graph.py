@@ -78,6 +78,7 @@ class Graph:
     """A network of one input.
 
     shapes: of every tensor whose shape is known, the batch being 1
+    inner:  tensors in the middle of one of the source's layers, which the source does not have
     """
 
     nodes: list[Node]
@@ -85,9 +86,7 @@ class Graph:
     shapes: dict[str, tuple[int, ...]]
     input: str
     outputs: list[str]
-
-    def constant(self, name: str) -> np.ndarray | None:
-        return self.constants.get(name)
+    inner: set[str] = field(default_factory=set)
 
     def option(self, node: Node, key: str, position: int, default: Any = None) -> Any:
         """A value that is an attribute in old operator sets and a constant input in new ones."""

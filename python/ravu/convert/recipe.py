@@ -20,27 +20,40 @@ class Recipe:
     range:     what white is divided by: 255 gives 0 to 1, 1 leaves bytes
     mean:      one value per channel of the source, in its order; or one for all
     deviation: the same
-    bgr:       whether the source's channels are blue, green, red
+    bgr:       whether the source's channels are blue, green, red; None for what is usual
     fit:       how a picture comes to the network's size: "squash", "crop" or "letterbox"
     """
 
     range: float | None = None
     mean: Sequence[float] | None = None
     deviation: Sequence[float] | None = None
-    bgr: bool = False
+    bgr: bool | None = None
     fit: str = "squash"
 
     def resolved(self, channels: int) -> Recipe:
         """With the values that are not given: those that classifiers of photographs are usually
         trained with, if none is given and there are three channels; else 255, 0 and 1."""
         if (self.range, self.mean, self.deviation) == (None, None, None) and channels == 3:
-            return replace(self, range=255.0, mean=IMAGENET_MEAN, deviation=IMAGENET_DEVIATION)
+            return replace(
+                self,
+                bgr=bool(self.bgr),
+                range=255.0,
+                mean=IMAGENET_MEAN,
+                deviation=IMAGENET_DEVIATION,
+            )
         return replace(
             self,
+            bgr=bool(self.bgr),
             range=255.0 if self.range is None else self.range,
             mean=(0.0,) if self.mean is None else self.mean,
             deviation=(1.0,) if self.deviation is None else self.deviation,
         )
+
+    def resolved_for_caffe(self) -> Recipe:
+        """The same for Caffe: bytes, blue, green, red."""
+        bgr = True if self.bgr is None else self.bgr
+        range_ = 1.0 if self.range is None else self.range
+        return replace(self, bgr=bgr, range=range_).resolved(1)
 
     def affine(self, channels: int) -> tuple[np.ndarray, np.ndarray]:
         """(scale, shift) of each of the source's channels: source = byte * scale + shift. Like the

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from collections.abc import Callable
 
-from . import elementwise, normalise, pooling, shapes, weights
+from . import detection, elementwise, normalise, pooling, shapes, weights
 from .context import Context
 
 OPERATORS: dict[str, Callable[[Context], None]] = {
@@ -16,6 +16,7 @@ OPERATORS: dict[str, Callable[[Context], None]] = {
     "Clip": elementwise.clip,
     "Concat": shapes.concat,
     "Conv": weights.conv,
+    "DetectionOutput": detection.detection_output,
     "Div": elementwise.divide,
     "Dropout": elementwise.dropout,
     "Flatten": shapes.relabel,
@@ -38,6 +39,7 @@ OPERATORS: dict[str, Callable[[Context], None]] = {
     "Pad": shapes.pad,
     "Pow": elementwise.power,
     "Reciprocal": elementwise.reciprocal,
+    "PriorBox": detection.prior_box,
     "ReduceMax": pooling.reduce_max,
     "ReduceMean": pooling.reduce_mean,
     "Relu": elementwise.relu,

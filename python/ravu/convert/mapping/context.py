@@ -74,7 +74,7 @@ class Context:
             if int(np.prod(shape)) != int(np.prod(value.dims)):
                 raise Refused(f"gives {value.dims} here, but {shape} in the source")
             value = value.reshaped(shape)
-        self.builder.bind(self.output, value)
+        self.builder.bind(self.output, value, visible=self.output not in self.graph.inner)
 
     def only_first_output(self) -> None:
         """Refuse nodes whose further outputs are used."""

@@ -78,7 +78,7 @@ def concat(context: Context) -> None:
         return context.bind(values[0])
     images = axis == 1 and all(value.is_image for value in values)
     interleaved = axis == rank - 1 and all(
-        not value.planar and value.shape == value.dims for value in values
+        not value.planar and value.shape[-1] == value.dims[3] for value in values
     )
     # Flattened tensors of one image stand behind each other as channels of one pixel.
     rows = axis == 1 and rank < 4 and all(not v.planar or v.is_vector for v in values)
