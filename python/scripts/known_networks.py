@@ -12,14 +12,22 @@ import sys
 import tempfile
 import time
 from collections.abc import Callable
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 from pathlib import Path
 
+import caffe_networks
 import numpy as np
 import torch
 import torchvision
 from ravu import Network
-from ravu.convert import ConversionRefused, Options, Report, VerificationFailed, convert
+from ravu.convert import (
+    ConversionRefused,
+    Options,
+    Recipe,
+    Report,
+    VerificationFailed,
+    convert,
+)
 from torch import nn
 
 SEED = 20
@@ -31,13 +39,14 @@ BEGIN, END = "<!-- table of networks -->\n", "<!-- end of the table -->\n"
 class Candidate:
     """A network, where its source comes from, and how to make it.
 
-    make: writes the source into a folder and returns the paths that `convert` takes
+    make: writes the source into a folder and returns its path, and that of its weights if they
+          have a file of their own
     """
 
     name: str
     origin: str
     size: int
-    make: Callable[[Path, int], Path]
+    make: Callable[[Path, int], tuple[Path, Path | None]]
     options: Options = Options()
 
 
@@ -79,21 +88,27 @@ def randomise(model: nn.Module) -> None:
             module.bias.data.uniform_(-0.2, 0.2)
 
 
-def from_torch(build: Callable[[], nn.Module]) -> Callable[[Path, int], Path]:
+def from_torch(build: Callable[[], nn.Module]) -> Callable[[Path, int], tuple[Path, None]]:
     """Export with the operator set that most exporters write today."""
 
-    def make(folder: Path, size: int) -> Path:
+    def make(folder: Path, size: int) -> tuple[Path, None]:
         torch.manual_seed(SEED)
         model = build().eval()
         randomise(model)
         path = folder / "source.onnx"
         torch.onnx.export(model, torch.zeros(1, 3, size, size), str(path), opset_version=13)
-        return path
+        return path, None
 
     return make
 
 
-def torchvision_model(name: str, **options: bool) -> Callable[[Path, int], Path]:
+def from_caffe(
+    build: Callable[[int, int], caffe_networks.CaffeNet],
+) -> Callable[[Path, int], tuple[Path, Path]]:
+    return lambda folder, size: build(size, SEED).write(folder)
+
+
+def torchvision_model(name: str, **options: bool) -> Callable[[Path, int], tuple[Path, None]]:
     return from_torch(lambda: getattr(torchvision.models, name)(weights=None, **options))
 
 
@@ -117,6 +132,15 @@ CANDIDATES = [
         ]
     ),
     Candidate("MobileNet v1", "the paper's table, in torch", 224, from_torch(mobilenet_v1)),
+    *(
+        Candidate(title, "the paper's table, in Caffe", size, from_caffe(build), Options(recipe))
+        for title, size, build, recipe in [
+            ("AlexNet, grouped", 227, caffe_networks.alexnet, Recipe(mean=(104, 117, 123))),
+            ("GoogLeNet with LRN", 224, caffe_networks.googlenet, Recipe(mean=(104, 117, 123))),
+            ("MobileNet-SSD", 300, caffe_networks.ssd_mobilenet, Recipe(127.5, (1,))),
+            ("VGG16-SSD300", 300, caffe_networks.ssd_vgg16, Recipe(mean=(104, 117, 123))),
+        ]
+    ),
 ]
 
 
@@ -125,10 +149,11 @@ def row(candidate: Candidate) -> str:
     print(f"{candidate.name} ...", file=sys.stderr)
     with tempfile.TemporaryDirectory() as name:
         folder = Path(name)
-        source = candidate.make(folder, candidate.size)
+        source, weights = candidate.make(folder, candidate.size)
+        options = replace(candidate.options, weights=weights)
         start = time.monotonic()
         try:
-            report = convert(source, folder / "out.ravu", candidate.options)
+            report = convert(source, folder / "out.ravu", options)
         except ConversionRefused as refused:
             outcome, layers, tensors = refusal_text(refused), "", ""
         except VerificationFailed as failed:

@@ -49,7 +49,7 @@ def _parser() -> argparse.ArgumentParser:
         description="Convert an ONNX or Caffe model, and prove that the result computes the same.",
         epilog="The source is assumed to take (byte / range - mean) / deviation, by default what "
         "classifiers of photographs are usually trained with: mean "
-        f"{','.join(map(str, IMAGENET_MEAN))} and deviation {','.join(map(str, IMAGENET_DEVIATION))}"
+        f"{_list(IMAGENET_MEAN)} and deviation {_list(IMAGENET_DEVIATION)}"
         " for three channels, 0 and 1 for one. Caffe models take bytes less the mean, blue, green, "
         "red. The result takes plain bytes, red, green, blue.",
     )

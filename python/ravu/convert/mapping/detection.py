@@ -1,9 +1,9 @@
 """Prior boxes and detection output of single-shot detectors.
 
-The engine stores four variances once per cell and cuts box sizes to whole pixels. Both are made good
-in the layers that predict the offsets: with w the source's box width and w' the engine's, an offset
-l of the source means (variance * l * w / w') for a centre and (variance * l + log(w / w')) for a
-width, so that each becomes a scale and a shift of the channels of a location head.
+The engine stores four variances once per cell and cuts box sizes to whole pixels. Both are made
+good in the layers that predict the offsets: with w the source's box width and w' the engine's, an
+offset l of the source means (variance * l * w / w') for a centre and (variance * l + log(w / w'))
+for a width, so that each becomes a scale and a shift of the channels of a location head.
 """
 
 from __future__ import annotations
