@@ -1,4 +1,5 @@
-"""The command `ravu` of an installed wheel: the bundled program, and `ravu convert` in Python."""
+"""The command `ravu` of an installed wheel: `ravu convert` and `ravu verify` are Python, all else is
+the bundled program."""
 
 from __future__ import annotations
 
@@ -14,6 +15,10 @@ def main() -> int:
         from .convert.__main__ import main as convert
 
         return convert(sys.argv[2:])
+    if sys.argv[1:2] == ["verify"]:
+        from .convert.check import main as verify
+
+        return verify(sys.argv[2:])
     program = Path(__file__).with_name("ravu.exe" if os.name == "nt" else "ravu")
     if not program.is_file():
         print("ravu: this package was built without the ravu program", file=sys.stderr)

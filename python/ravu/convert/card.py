@@ -73,7 +73,7 @@ def repeat_check(model: Path, stored: dict[str, Any]) -> float:
     worst = 0.0
     for new, old in zip(now, then):
         error = np.abs(np.subtract(new["samples"], old["samples"])).max()
-        worst = max(worst, float(error) / (float(old["range"]) or 1.0))
+        worst = max(worst, float(np.nan_to_num(error, nan=np.inf)) / (float(old["range"]) or 1.0))
     return worst
 
 
