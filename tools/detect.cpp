@@ -37,8 +37,8 @@ void make_folder(const std::string& folder) {
   if (error) throw Failure("cannot make the folder " + folder + ": " + error.message());
 }
 
-ImageDetections detect(Network& network, const std::string& path, const Picture& picture,
-                       const DetectOptions& options) {
+ImageDetections detect(Network& network, std::span<char* const> labels, const std::string& path,
+                       const Picture& picture, const DetectOptions& options) {
   feed(network, to_input(picture, *network.input, options.input));
   run(network, options.mode);
   const Blob& output = *last_output(*network.layers.back());
@@ -46,15 +46,14 @@ ImageDetections detect(Network& network, const std::string& path, const Picture&
   if (output.data != nullptr) rows = {output.data, output.count};
   const Area seen = seen_area(picture, network, options.input.framing);
   return {path, picture.width, picture.height,
-          objects_of(rows, network.labels, seen, picture.width, picture.height,
-                     options.threshold)};
+          objects_of(rows, labels, seen, picture.width, picture.height, options.threshold)};
 }
 
 std::string text_of(const ImageDetections& result) {
   std::string text;
   for (const FoundObject& object : result.objects) {
-    text += printable(result.image) + '\t' + printable(object.label) + '\t' +
-            fixed(object.score, 6);
+    text +=
+        printable(result.image) + '\t' + printable(object.label) + '\t' + fixed(object.score, 6);
     for (const double side : {object.xmin, object.ymin, object.xmax, object.ymax}) {
       text += '\t' + fixed(side, 1);
     }
@@ -118,17 +117,22 @@ std::vector<FoundObject> objects_of(std::span<const float> rows, std::span<char*
     if (!(object.score >= threshold)) continue;
     if (object.xmin < object.xmax && object.ymin < object.ymax) objects.push_back(object);
   }
-  std::stable_sort(
-      objects.begin(), objects.end(),
-      [](const FoundObject& a, const FoundObject& b) { return a.score > b.score; });
+  std::stable_sort(objects.begin(), objects.end(),
+                   [](const FoundObject& a, const FoundObject& b) { return a.score > b.score; });
   return objects;
 }
 
-bool run_detect(const DetectOptions& options) {
+bool run_detect(const DetectOptions& given) {
+  DetectOptions options = given;
   const InputFiles inputs(options.images, options.model);
   inputs.check_output(options.sheet);
   set_threads(options.threads);
-  const auto network = open_model(options.model, options.channel_mean, /*batch=*/1);
+  FileImage image = read_model_file(options.model);
+  const auto network = open_model(options.model, root_tag(image.get()), options.channel_mean);
+  const ModelCard card = read_card(options.model, root_tag(image.get()));
+  image.reset();
+  options.input = obey_card(options.input, card);
+  const auto labels = labels_by_score(*network, card);
   check_detector(*network, options);
   set_up(*network, options.mode);
   std::vector<std::string> copies;
@@ -146,7 +150,7 @@ bool run_detect(const DetectOptions& options) {
       all_read = false;
       continue;
     }
-    const ImageDetections result = detect(*network, options.images[i], *picture, options);
+    const ImageDetections result = detect(*network, labels, options.images[i], *picture, options);
     if (!options.sheet.empty() && tiles.size() < kMaxTiles) {
       tiles.push_back(make_tile(*picture, result));
     }

@@ -70,8 +70,8 @@ class Network {
       ravu_set_InputData_byRawData_float(open(), static_cast<const float*>(info.ptr), size(0),
                                          size(1), size(2), size(3));
     } else {
-      ravu_set_InputData_byRawData_byte(open(), static_cast<const std::uint8_t*>(info.ptr),
-                                        size(0), size(1), size(2), size(3));
+      ravu_set_InputData_byRawData_byte(open(), static_cast<const std::uint8_t*>(info.ptr), size(0),
+                                        size(1), size(2), size(3));
     }
   }
 
