@@ -8,6 +8,7 @@ Without names it converts all and writes the table; with names it only prints th
 
 from __future__ import annotations
 
+import json
 import sys
 import tempfile
 import time
@@ -40,7 +41,7 @@ class Candidate:
     """A network, where its source comes from, and how to make it.
 
     make: writes the source into a folder and returns its path, and that of its weights if they
-          have a file of their own
+          have a file of their own, or of the description of its heads
     """
 
     name: str
@@ -112,6 +113,45 @@ def torchvision_model(name: str, **options: bool) -> Callable[[Path, int], tuple
     return from_torch(lambda: getattr(torchvision.models, name)(weights=None, **options))
 
 
+class Heads(nn.Module):
+    """A detector up to its heads: what comes before and after is pictures and boxes in Python."""
+
+    def __init__(self, detector: nn.Module) -> None:
+        super().__init__()
+        self.backbone, self.head = detector.backbone, detector.head
+
+    def forward(self, pixels: torch.Tensor) -> tuple[torch.Tensor, torch.Tensor]:
+        found = self.head(list(self.backbone(pixels).values()))
+        return found["bbox_regression"], found["cls_logits"]
+
+
+def cut_detector(folder: Path, size: int) -> tuple[Path, Path]:
+    def build() -> nn.Module:
+        model = torchvision.models.detection.ssd300_vgg16(
+            weights=None, weights_backbone=None, num_classes=caffe_networks.CLASSES
+        )
+        return Heads(model)
+
+    path, _ = from_torch(build)(folder, size)
+    sizes = [21, 45, 99, 153, 207, 261, 315]
+    maps = []
+    for i, (ratios, step) in enumerate(zip([1, 2, 2, 2, 1, 1], [8, 16, 32, 64, 100, 300])):
+        head = f"/head/{{}}_head/module_list.{i}/Conv_output_0"
+        maps.append(
+            {
+                "locations": head.format("regression"),
+                "scores": head.format("classification"),
+                "min_size": sizes[i],
+                "max_size": sizes[i + 1],
+                "aspect_ratios": [2, 1 / 2, 3, 1 / 3][: 2 * ratios],
+                "step": step,
+            }
+        )
+    description = {"classes": caffe_networks.CLASSES, "maps": maps, "confidence_threshold": 0.3}
+    (folder / "heads.json").write_text(json.dumps(description))
+    return path, folder / "heads.json"
+
+
 CANDIDATES = [
     *(
         Candidate(title, "torchvision", size, torchvision_model(name, **options))
@@ -131,6 +171,7 @@ CANDIDATES = [
             ("EfficientNet-B0", "efficientnet_b0", 224, {}),
         ]
     ),
+    Candidate("SSD300 VGG16", "torchvision, cut at its heads", 300, cut_detector),
     Candidate("MobileNet v1", "the paper's table, in torch", 224, from_torch(mobilenet_v1)),
     *(
         Candidate(title, "the paper's table, in Caffe", size, from_caffe(build), Options(recipe))
@@ -150,7 +191,9 @@ def row(candidate: Candidate) -> str:
     with tempfile.TemporaryDirectory() as name:
         folder = Path(name)
         source, weights = candidate.make(folder, candidate.size)
-        options = replace(candidate.options, weights=weights)
+        is_description = weights is not None and weights.suffix == ".json"
+        more = {"ssd": weights} if is_description else {"weights": weights}
+        options = replace(candidate.options, **more)
         start = time.monotonic()
         try:
             report = convert(source, folder / "out.ravu", options)

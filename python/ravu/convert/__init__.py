@@ -28,6 +28,8 @@ from .converter import Converted, convert_graph
 from .graph import ConversionRefused, Graph, Refusal, SourceError
 from .onnx_source import read_onnx
 from .recipe import Recipe
+from .ssd import attach_detector, read_detector
+from .ssd_evaluate import SsdSource
 from .verify import (
     TOLERANCE,
     TOLERANCE_WITH_NORMALISATION,
@@ -57,6 +59,7 @@ class Options:
     label_offset: the score that the first label belongs to
     weights:      the caffemodel, where the source is a Caffe network description
     mean_file:    the mean image (binaryproto) of a Caffe network; its mean per channel is used
+    ssd:          the description (JSON) of a detector in ONNX, which is cut at its heads
     softmax:      whether to append a softmax to the source's outputs
     verify:       whether to compare with the source before anything is written
     """
@@ -66,6 +69,7 @@ class Options:
     label_offset: int = 0
     weights: Path | None = None
     mean_file: Path | None = None
+    ssd: Path | None = None
     softmax: bool = False
     verify: bool = True
 
@@ -162,7 +166,12 @@ def _load(source: Path, options: Options) -> _Loaded:
             raise SourceError(f"{source}: the weights (a caffemodel) are missing")
         graph = read_onnx(source)
         recipe = recipe.resolved(graph.shapes[graph.input][1])
-        return _Loaded(graph, recipe, [source], partial(OnnxSource, source))
+        runner: Callable[[list[str]], Source] = partial(OnnxSource, source)
+        if options.ssd is not None:
+            detector = read_detector(options.ssd)
+            attach_detector(graph, detector)
+            runner = partial(SsdSource, source, detector)
+        return _Loaded(graph, recipe, [source], runner)
     model = load_caffe(source, options.weights)
     files = [source, options.weights]
     if options.mean_file is not None:

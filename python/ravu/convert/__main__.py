@@ -91,6 +91,12 @@ def _parser() -> argparse.ArgumentParser:
         metavar="N",
         help="the score that the first label belongs to (default: 0)",
     )
+    parser.add_argument(
+        "--ssd",
+        type=Path,
+        metavar="JSON",
+        help="the source is a detector: cut it at the heads that this file describes",
+    )
     parser.add_argument("--softmax", action="store_true", help="append a softmax to the outputs")
     parser.add_argument(
         "--no-verify",
@@ -116,6 +122,7 @@ def _options(given: argparse.Namespace) -> Options:
         label_offset=given.label_offset,
         weights=given.weights,
         mean_file=given.mean_file,
+        ssd=given.ssd,
         softmax=given.softmax,
         verify=not given.no_verify,
     )

@@ -21,6 +21,7 @@ import onnx.shape_inference
 from google.protobuf.message import DecodeError
 
 from .graph import Graph, Node, SourceError
+from .patterns import recognise
 
 OLDEST_OPSET = 7
 MAX_FOLDED = 1 << 26
@@ -149,7 +150,7 @@ def _to_graph(model: onnx.ModelProto) -> Graph:
     nodes = [_node(proto, i, _opset(model)) for i, proto in enumerate(model.graph.node)]
     outputs = [value.name for value in model.graph.output]
     graph = Graph(nodes, constants, shapes, image.name, outputs)
-    graph.without_dead_ends()
+    recognise(graph)
     return graph
 
 

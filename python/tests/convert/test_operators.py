@@ -4,6 +4,7 @@ import numpy as np
 import pytest
 from ravu import Network
 from ravu.convert.mapping import OPERATORS
+from ravu.model_file import Model
 
 from sources import PLAIN, SIGNED, Source
 
@@ -166,6 +167,17 @@ def test_the_operator_computes_the_same(tmp_path, build):
     source = Source()
     report = source.convert(tmp_path, build(source))
     assert report.differences and report.differences[0].relative < 1e-3
+
+
+@pytest.mark.parametrize("opset", [13, 18])
+def test_a_division_by_the_length_is_a_normalisation(tmp_path, opset):
+    source = Source(opset=opset)
+    x = source.conv("image", 3, 4)
+    axes = {"axes": [1]} if opset < 18 else {}
+    norm = source("ReduceL2", x, *([] if axes else [source.ints(1)]), keepdims=1, **axes)
+    norm = source("Expand", source("Clip", norm, source.constant(1e-12)), source("Shape", x))
+    source.convert(tmp_path, source("Div", x, norm))
+    assert "normalize" in {layer.keyword for layer in Model.read(tmp_path / "out.ravu").layers}
 
 
 @pytest.mark.parametrize("opset", [7, 9, 11, 18, 21])
