@@ -3,7 +3,7 @@ docs/converting.md. Takes minutes and needs torch, torchvision, onnx and onnxrun
 
     PYTHONPATH=build/dev/python build/venv/bin/python3 python/scripts/known_networks.py [NAME...]
 
-Without names it converts all and writes the table; with names it only prints their rows.
+Without names it converts all; with names it renews their rows and leaves the others.
 """
 
 from __future__ import annotations
@@ -228,16 +228,22 @@ def run_once(report: Report) -> None:
         assert all(np.isfinite(output).all() for output in network.run(picture))
 
 
+def rows_of(text: str) -> dict[str, str]:
+    """The rows of the document's table, by the network's name."""
+    table = text.split(BEGIN)[1].split(END)[0]
+    names = {candidate.name for candidate in CANDIDATES}
+    rows = {line.split("|")[1].strip(): line + "\n" for line in table.split("\n") if "|" in line}
+    return {name: row for name, row in rows.items() if name in names}
+
+
 def main() -> None:
-    wanted = sys.argv[1:]
-    chosen = [c for c in CANDIDATES if not wanted or c.name in wanted]
-    rows = [row(candidate) for candidate in chosen]
-    heading = "| network | source | input | layers | tensors compared | outcome |\n"
-    table = heading + "|---|---|---|---|---|---|\n" + "".join(rows)
-    if wanted:
-        print(table)
-        return
+    wanted = sys.argv[1:] or [candidate.name for candidate in CANDIDATES]
+    made = {c.name: row(c) for c in CANDIDATES if c.name in wanted}
     text = DOCUMENT.read_text(encoding="utf-8")
+    rows = {**rows_of(text), **made}
+    table = "| network | source | input | layers | tensors compared | outcome |\n"
+    table += "|---|---|---|---|---|---|\n"
+    table += "".join(rows[c.name] for c in CANDIDATES if c.name in rows)
     before, rest = text.split(BEGIN)
     after = rest.split(END)[1]
     DOCUMENT.write_text(before + BEGIN + "\n" + table + "\n" + END + after, encoding="utf-8")

@@ -226,18 +226,21 @@ class Builder:
         return replace(self.in_place(layer, value), at_least_zero=zero)
 
     def clipped(self, value: Value, low: float, high: float, wanted: str) -> Value:
-        """The value limited to low .. high, by rectifiers and scales: high - relu(high - x)."""
-        if np.isfinite(low):
-            value = self.affine(value, 1.0, -low, wanted) if low else value
-            value = self.rectified(value, "" if np.isfinite(high) else wanted)
-            if not np.isfinite(high):
-                return self.affine(value, 1.0, low, wanted) if low else value
+        """The value limited to low .. high: low + relu((high - low) - relu(high - x)).
+
+        In this order the first scale is absorbed by the layer with weights before it.
+        """
         if np.isfinite(high):
-            room = high - low if np.isfinite(low) else high
-            value = self.affine(value, -1.0, room, wanted)
-            value = self.rectified(value, "")
-            value = self.affine(value, -1.0, high, wanted)
-        return replace(value, at_least_zero=low >= 0)
+            value = self.rectified(self.affine(value, -1.0, high, ""), "")
+            if not np.isfinite(low):
+                return self.affine(value, -1.0, high, wanted)
+            value = self.affine(value, -1.0, high - low, "")
+        elif np.isfinite(low):
+            value = self.affine(value, 1.0, -low, "") if low else value
+        else:
+            return value
+        value = self.rectified(value, "" if low else wanted)
+        return self.affine(value, 1.0, low, wanted) if low else value
 
     def sloped(self, value: Value, slopes: np.ndarray, wanted: str) -> Value:
         """x where it is positive, x * slope elsewhere, one slope per channel."""

@@ -249,3 +249,11 @@ def test_blue_green_red_sources_take_our_pixels(tmp_path, monkeypatch):
         )
 
     convert_with_and_without(source, [y], tmp_path, monkeypatch, sabotage, options)
+
+
+def test_limited_values_are_known_not_to_be_negative(tmp_path):
+    source = Source()
+    x = source("Clip", source.conv("image", 3, 4), source.constant(0), source.constant(6))
+    x = source("Clip", source("Relu", x), "", source.constant(4))
+    y = source("MaxPool", x, kernel_shape=[3, 3], strides=[2, 2], pads=[1, 1, 1, 1])
+    assert source.convert(tmp_path, y).differences

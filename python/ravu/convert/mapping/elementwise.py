@@ -76,7 +76,9 @@ def _clip(context: Context, value: Value, low: float, high: float) -> None:
         raise Refused(f"limits values to {low} .. {high}")
     if value.at_least_zero and low <= 0:
         low = -np.inf
-    context.bind(context.builder.clipped(value, low, high, context.output))
+    positive = high >= 0 if value.at_least_zero else low >= 0
+    result = context.builder.clipped(value, low, high, context.output)
+    context.bind(replace(result, at_least_zero=positive))
 
 
 def hard_sigmoid(context: Context) -> None:
