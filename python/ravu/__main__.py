@@ -1,5 +1,5 @@
-"""The command `ravu` of an installed wheel: `ravu convert` and `ravu verify` are Python, all else is
-the bundled program."""
+"""The command `ravu` of an installed wheel: `convert` and `verify` are Python, all else is the
+bundled program."""
 
 from __future__ import annotations
 

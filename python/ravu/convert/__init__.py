@@ -14,30 +14,18 @@ from __future__ import annotations
 
 import os
 import tempfile
-from collections.abc import Callable
-from dataclasses import dataclass, field, replace
-from functools import partial
+from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
 
 from ..network import EngineError
-from .caffe import load_caffe, read_caffe, read_mean
-from .caffe.evaluate import CaffeSource
 from .card import make_card, output_samples, summary
+from .comparing import compare_all, too_large
 from .converter import Converted, convert_graph
-from .graph import ConversionRefused, Graph, Refusal, SourceError
-from .onnx_source import read_onnx
+from .graph import ConversionRefused, Refusal, SourceError
+from .loading import Options, load
 from .recipe import Recipe
-from .ssd import attach_detector, read_detector
-from .ssd_evaluate import SsdSource
-from .verify import (
-    TOLERANCE,
-    TOLERANCE_WITH_NORMALISATION,
-    Difference,
-    OnnxSource,
-    Source,
-    compare,
-)
+from .verify import Difference
 
 __all__ = [
     "ConversionRefused",
@@ -50,28 +38,6 @@ __all__ = [
     "VerificationFailed",
     "convert",
 ]
-
-
-@dataclass(frozen=True)
-class Options:
-    """recipe:       what the source expects of its pixels; what it leaves open is the usual
-    labels:       the names of the classes
-    label_offset: the score that the first label belongs to
-    weights:      the caffemodel, where the source is a Caffe network description
-    mean_file:    the mean image (binaryproto) of a Caffe network; its mean per channel is used
-    ssd:          the description (JSON) of a detector in ONNX, which is cut at its heads
-    softmax:      whether to append a softmax to the source's outputs
-    verify:       whether to compare with the source before anything is written
-    """
-
-    recipe: Recipe = Recipe()
-    labels: list[str] = field(default_factory=list)
-    label_offset: int = 0
-    weights: Path | None = None
-    mean_file: Path | None = None
-    ssd: Path | None = None
-    softmax: bool = False
-    verify: bool = True
 
 
 @dataclass(frozen=True)
@@ -123,7 +89,7 @@ def convert(
     """
     source = Path(source)
     destination = Path(destination) if destination else source.with_suffix(".ravu")
-    loaded = _load(source, options)
+    loaded = load(source, options)
     if destination.resolve() in (file.resolve() for file in loaded.files):
         raise SourceError(f"{destination}: the result would replace the source")
     converted = convert_graph(
@@ -135,7 +101,10 @@ def convert(
             trial = Path(folder) / "trial.ravu"
             converted.model.write(trial)
             try:
-                differences = _verified(loaded, trial, converted)
+                differences = compare_all(loaded, trial, converted)
+                failed = too_large(differences, converted)
+                if failed:
+                    raise VerificationFailed(failed)
                 check = output_samples(trial)
             except EngineError as error:
                 raise SourceError(f"{source}: the engine cannot run the result: {error}") from error
@@ -145,73 +114,6 @@ def convert(
     converted.model.write(destination)
     layers = len(converted.model.layers)
     return Report(destination, layers, converted.outputs, loaded.recipe, differences)
-
-
-@dataclass(frozen=True)
-class _Loaded:
-    """files:  what was read
-    runner: makes of a list of tensors what runs the source and fetches them
-    """
-
-    graph: Graph
-    recipe: Recipe
-    files: list[Path]
-    runner: Callable[[list[str]], Source]
-
-
-def _load(source: Path, options: Options) -> _Loaded:
-    recipe = options.recipe
-    if options.weights is None:
-        if source.suffix == ".prototxt":
-            raise SourceError(f"{source}: the weights (a caffemodel) are missing")
-        graph = read_onnx(source)
-        recipe = recipe.resolved(graph.shapes[graph.input][1])
-        runner: Callable[[list[str]], Source] = partial(OnnxSource, source)
-        if options.ssd is not None:
-            detector = read_detector(options.ssd)
-            attach_detector(graph, detector)
-            runner = partial(SsdSource, source, detector)
-        return _Loaded(graph, recipe, [source], runner)
-    model = load_caffe(source, options.weights)
-    files = [source, options.weights]
-    if options.mean_file is not None:
-        recipe = replace(recipe, mean=read_mean(options.mean_file))
-        files.append(options.mean_file)
-    recipe = recipe.resolved_for_caffe()
-    return _Loaded(read_caffe(model), recipe, files, partial(CaffeSource, model))
-
-
-def _verified(loaded: _Loaded, trial: Path, converted: Converted) -> list[Difference]:
-    runner = loaded.runner(list(converted.visible))
-    tables = _written_by(converted, "detectionout")
-    differences = compare(runner, trial, loaded.recipe, converted.visible, tables)
-    tolerances = _tolerances(converted)
-    failed = [d for d in differences if not d.relative <= tolerances[d.tensor]]
-    if failed:
-        raise VerificationFailed(failed)
-    return differences
-
-
-def _written_by(converted: Converted, keyword: str) -> set[str]:
-    """The source tensors that layers of one class write."""
-    blobs = {
-        o for layer in converted.model.layers if layer.keyword == keyword for o in layer.outputs
-    }
-    return {name for name, value in converted.visible.items() if value.blob in blobs}
-
-
-def _tolerances(converted: Converted) -> dict[str, float]:
-    """The engine's local response normalisation is an approximation: what comes after the first
-    one is compared less strictly, and so are tables of detections."""
-    exact: set[str] = {converted.model.input_name}
-    for layer in converted.model.layers:
-        if layer.keyword in ("normalize", "detectionout"):
-            break
-        exact.update(layer.outputs)
-    return {
-        name: TOLERANCE if value.blob in exact else TOLERANCE_WITH_NORMALISATION
-        for name, value in converted.visible.items()
-    }
 
 
 def _task(converted: Converted) -> tuple[str, str]:

@@ -8,7 +8,7 @@ from typing import Any
 
 import numpy as np
 
-from ..network import Network
+from ..network import Mode, Network
 from .recipe import Recipe
 from .verify import Difference, pictures
 
@@ -43,9 +43,10 @@ def summary(differences: list[Difference]) -> dict[str, Any]:
     }
 
 
-def output_samples(model: Path) -> dict[str, Any]:
+def output_samples(model: Path, mode: Mode = Mode.CPU) -> dict[str, Any]:
     """Values of every output on one drawn picture, evenly spaced, to be compared again later."""
     with Network(model) as network:
+        network.set_up(mode)
         picture = pictures(*network.input_shape[2:])[CHECKED_PICTURE]
         outputs = [output.ravel() for output in network.run(picture)]
     return {
@@ -61,12 +62,12 @@ def output_samples(model: Path) -> dict[str, Any]:
     }
 
 
-def repeat_check(model: Path, stored: dict[str, Any]) -> float:
+def repeat_check(model: Path, stored: dict[str, Any], mode: Mode = Mode.CPU) -> float:
     """The largest error of a model's outputs against its card's, in parts of the output's range.
 
     Infinite when the outputs are not even the same in number or size.
     """
-    now = output_samples(model)["outputs"]
+    now = output_samples(model, mode)["outputs"]
     then = stored["outputs"]
     if [o["count"] for o in now] != [o["count"] for o in then]:
         return float("inf")

@@ -72,6 +72,16 @@ class Recipe:
             raise SourceError(f"blue, green, red are three channels, not {channels}")
         return [2, 1, 0]
 
+    @classmethod
+    def from_json(cls, values: dict[str, object]) -> Recipe:
+        """What `to_json` wrote."""
+        return cls(
+            range=float(values["range"]),  # type: ignore[arg-type]
+            mean=[float(v) for v in values["mean"]],  # type: ignore[attr-defined]
+            deviation=[float(v) for v in values["deviation"]],  # type: ignore[attr-defined]
+            bgr=values["source_order"] == "bgr",
+        )
+
     def to_json(self) -> dict[str, object]:
         return {
             "range": self.range,

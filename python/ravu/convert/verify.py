@@ -13,7 +13,7 @@ from typing import Any, Protocol
 
 import numpy as np
 
-from ..network import Network
+from ..network import Mode, Network
 from .graph import SourceError
 from .recipe import Recipe
 from .values import Value, to_source_order
@@ -124,6 +124,7 @@ def compare(
     recipe: Recipe,
     visible: dict[str, Value],
     tables: set[str] = frozenset(),
+    mode: Mode = Mode.CPU,
 ) -> list[Difference]:
     """The differences of all tensors that the source was told to fetch, worst first.
 
@@ -133,7 +134,7 @@ def compare(
     lows = dict.fromkeys(source.tensors, np.inf)
     highs = dict.fromkeys(source.tensors, -np.inf)
     with Network(model) as network:
-        network.set_up()
+        network.set_up(mode)
         for picture in pictures(*network.input_shape[2:]):
             wanted = source.run(source_pixels(picture, recipe))
             network.run(picture)

@@ -62,3 +62,31 @@ def test_a_model_without_a_whole_card_is_reported(converted, capsys, card):
     model.write(converted)
     assert main([str(converted)]) == UNREADABLE
     assert str(converted) in capsys.readouterr().err
+
+
+def test_all_layers_are_compared_with_the_source(converted, capsys):
+    source = str(converted.parent / "source.onnx")
+    assert main([str(converted), source]) == 0
+    assert "all layers agree" in capsys.readouterr().out
+
+
+def test_the_first_layer_that_diverges_is_named(converted, capsys):
+    model = Model.read(converted)
+    wrong = model.layers[0]
+    wrong.bias = wrong.bias + np.float32(0.5)
+    model.write(converted)
+    assert main([str(converted), str(converted.parent / "source.onnx"), "--json"]) == DIFFERENT
+    result = json.loads(capsys.readouterr().out)
+    tensors = [layer["tensor"] for layer in result["layers"]]
+    assert result["first"] == tensors[0] and "relu" in tensors[0] and len(tensors) > 2
+
+
+def test_a_source_that_cannot_be_read_is_reported(converted, capsys):
+    assert main([str(converted), str(converted)]) == UNREADABLE
+    assert "no ONNX model" in capsys.readouterr().err
+
+
+def test_another_run_mode_can_be_checked(converted, capsys):
+    assert main([str(converted), "--mode", "0"]) == 0
+    with pytest.raises(SystemExit):
+        main([str(converted), "--mode", "1"])
