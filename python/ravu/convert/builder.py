@@ -194,8 +194,8 @@ class Builder:
         shift = np.broadcast_to(np.asarray(shift, np.float64), (value.dims[3],))
         writers = self._writers.get(value.blob, [])
         free = self._may_overwrite(value.blob)
-        if free and len(writers) == 1 and isinstance(writers[0], WITH_WEIGHTS):
-            absorb(writers[0], scale, shift)
+        if free and writers and can_absorb(writers[-1], value.dims[3]):
+            absorb(writers[-1], scale, shift)
             self._overwritten(value.blob)
             return value
         layer = Scale(scales=np.float32(scale), bias=np.float32(shift) if shift.any() else None)
@@ -294,9 +294,18 @@ class Builder:
         return Value(blob, dims, (n, c, h, w))
 
 
+def can_absorb(layer: Layer, channels: int) -> bool:
+    if isinstance(layer, Scale):
+        return layer.scales.size == channels
+    return isinstance(layer, WITH_WEIGHTS)
+
+
 def absorb(layer: Layer, scale: np.ndarray, shift: np.ndarray) -> None:
-    """Multiply and shift the outputs of a layer with weights."""
-    if isinstance(layer, FullyConnected):
+    """Multiply and shift the outputs of a layer, one factor and term for each channel."""
+    if isinstance(layer, Scale):
+        layer.scales = np.float32(layer.scales * scale)
+        layer.bias = _moved(layer.bias, scale, shift)
+    elif isinstance(layer, FullyConnected):
         layer.weights = np.float32(layer.weights * scale)
         layer.bias = _moved(layer.bias, scale, shift)
     elif isinstance(layer, Conv):

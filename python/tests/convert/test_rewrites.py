@@ -257,3 +257,11 @@ def test_limited_values_are_known_not_to_be_negative(tmp_path):
     x = source("Clip", source("Relu", x), "", source.constant(4))
     y = source("MaxPool", x, kernel_shape=[3, 3], strides=[2, 2], pads=[1, 1, 1, 1])
     assert source.convert(tmp_path, y).differences
+
+
+def test_factors_and_terms_in_a_row_become_one_layer(tmp_path):
+    source = Source()
+    x = source("Sub", source("Relu", source.conv("image", 3, 4)), source.weights(4, 1, 1))
+    x = source("Mul", source("Div", x, source.constant(3)), source.weights(4, 1, 1))
+    source.convert(tmp_path, source("Add", x, source.constant(0.25)))
+    assert read_layers(tmp_path) == ["conv", "relu", "scale", "scale"]
