@@ -78,6 +78,7 @@ class Graph:
     """A network of one input.
 
     shapes: of every tensor whose shape is known, the batch being 1
+    takes_bytes: whether the input is of unsigned bytes
     inner:  tensors in the middle of one of the source's layers, which the source does not have
     """
 
@@ -86,6 +87,7 @@ class Graph:
     shapes: dict[str, tuple[int, ...]]
     input: str
     outputs: list[str]
+    takes_bytes: bool = False
     inner: set[str] = field(default_factory=set)
 
     def option(self, node: Node, key: str, position: int, default: Any = None) -> Any:

@@ -60,6 +60,8 @@ def load(source: Path, options: Options) -> Loaded:
         if source.suffix == ".prototxt":
             raise SourceError(f"{source}: the weights (a caffemodel) are missing")
         graph = read_onnx(source)
+        if graph.takes_bytes and recipe.range is None:
+            recipe = replace(recipe, range=1.0)
         recipe = recipe.resolved(graph.shapes[graph.input][1])
         runner: Callable[[list[str]], Source] = partial(OnnxSource, source)
         if options.ssd is not None:

@@ -149,7 +149,8 @@ def _to_graph(model: onnx.ModelProto) -> Graph:
             break
     nodes = [_node(proto, i, _opset(model)) for i, proto in enumerate(model.graph.node)]
     outputs = [value.name for value in model.graph.output]
-    graph = Graph(nodes, constants, shapes, image.name, outputs)
+    takes_bytes = image.type.tensor_type.elem_type == onnx.TensorProto.UINT8
+    graph = Graph(nodes, constants, shapes, image.name, outputs, takes_bytes)
     recognise(graph)
     return graph
 

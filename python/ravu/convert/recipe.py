@@ -34,13 +34,9 @@ class Recipe:
         """With the values that are not given: those that classifiers of photographs are usually
         trained with, if none is given and there are three channels; else 255, 0 and 1."""
         if (self.range, self.mean, self.deviation) == (None, None, None) and channels == 3:
-            return replace(
-                self,
-                bgr=bool(self.bgr),
-                range=255.0,
-                mean=IMAGENET_MEAN,
-                deviation=IMAGENET_DEVIATION,
-            )
+            order = slice(None, None, -1 if self.bgr else 1)
+            usual = {"mean": IMAGENET_MEAN[order], "deviation": IMAGENET_DEVIATION[order]}
+            return replace(self, bgr=bool(self.bgr), range=255.0, **usual)
         return replace(
             self,
             bgr=bool(self.bgr),

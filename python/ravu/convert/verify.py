@@ -22,6 +22,7 @@ SEEDS = (1, 2, 3)
 TOLERANCE = 1e-4
 TOLERANCE_WITH_NORMALISATION = 1e-3
 MOST_LOST_ROWS = 0.01
+_INPUT_TYPES = {"tensor(uint8)": np.uint8, "tensor(double)": np.float64}
 
 
 @dataclass(frozen=True)
@@ -99,11 +100,15 @@ class OnnxSource:
         constants = {tensor.name for tensor in model.graph.initializer}
         inputs = [value.name for value in model.graph.input if value.name not in constants]
         self._input = inputs[0]
+        kind = next(i.type for i in self._session.get_inputs() if i.name == self._input)
+        self._type = _INPUT_TYPES.get(kind, np.float32)
 
     def run(self, pixels: np.ndarray) -> dict[str, np.ndarray]:
         """All tensors for an input of (1, channels, height, width)."""
+        if self._type == np.uint8:
+            pixels = np.rint(pixels)
         try:
-            values = self._session.run(self.tensors, {self._input: pixels})
+            values = self._session.run(self.tensors, {self._input: pixels.astype(self._type)})
         except Exception as error:
             raise SourceError(f"{self._path}: ONNX Runtime cannot run it: {error}") from error
         return dict(zip(self.tensors, values))

@@ -1,8 +1,10 @@
 """Every operator of the table, converted and verified against ONNX Runtime."""
 
 import numpy as np
+import onnx
 import pytest
 from ravu import Network
+from ravu.convert import convert
 from ravu.convert.mapping import OPERATORS
 from ravu.model_file import Model
 
@@ -232,3 +234,15 @@ def test_tensor_names_become_unique_printable_ones(tmp_path):
         network.run(np.zeros((9, 9, 3), np.uint8))
         assert network.hidden("w_rme_").any()
     assert y
+
+
+def test_a_source_that_takes_bytes_is_fed_bytes(tmp_path):
+    source = Source()
+    y = source.conv(source("Cast", "image", to=1), 3, 4, (3, 3), pads=[1, 1, 1, 1])
+    model = source.model(y)
+    model.graph.input[0].type.tensor_type.elem_type = onnx.TensorProto.UINT8
+    path = tmp_path / "source.onnx"
+    path.write_bytes(model.SerializeToString())
+    report = convert(path, tmp_path / "out.ravu")
+    assert report.recipe.range == 1 and report.differences
+    assert Model.read(tmp_path / "out.ravu").layers[0].keyword == "conv"
