@@ -22,6 +22,7 @@ test=(
   clang libclang-rt-14-dev                  # fuzzing, and the second compiler
   binutils                                  # nm: the test of the exported symbols
   python3 python3-numpy python3-pytest      # the Python side and its tests
+  python3-dev pybind11-dev                  # the Python package's compiled module
   python3-pil                               # pictures in those tests
   pocl-opencl-icd                           # an OpenCL device made of the processor
   python3-venv                              # a place for what requirements-test.txt names

@@ -51,11 +51,11 @@ Tile make_tile(const Picture& picture, const Classification& result) {
   return tile;
 }
 
-Classification classify(Network& network, const std::string& path, const Picture& picture,
-                        const ClassifyOptions& options) {
+Classification classify(Network& network, std::span<char* const> labels, const std::string& path,
+                        const Picture& picture, const ClassifyOptions& options) {
   feed(network, to_input(picture, *network.input, options.input));
   run(network, options.mode);
-  return {path, best_predictions(scores_of(network), network.labels, options.top)};
+  return {path, best_predictions(scores_of(network), labels, options.top)};
 }
 
 }  // namespace
@@ -80,10 +80,16 @@ std::vector<Prediction> best_predictions(std::span<const float> scores,
   return best;
 }
 
-bool run_classify(const ClassifyOptions& options) {
+bool run_classify(const ClassifyOptions& given) {
+  ClassifyOptions options = given;
   InputFiles(options.images, options.model).check_output(options.sheet);
   set_threads(options.threads);
-  const auto network = open_model(options.model, options.channel_mean, /*batch=*/1);
+  FileImage image = read_model_file(options.model);
+  const auto network = open_model(options.model, root_tag(image.get()), options.channel_mean);
+  const ModelCard card = read_card(options.model, root_tag(image.get()));
+  image.reset();
+  options.input = obey_card(options.input, card);
+  const auto labels = labels_by_score(*network, card);
   check_classifier(*network, options);
   set_up(*network, options.mode);
 
@@ -96,7 +102,7 @@ bool run_classify(const ClassifyOptions& options) {
       all_read = false;
       continue;
     }
-    const Classification result = classify(*network, path, *picture, options);
+    const Classification result = classify(*network, labels, path, *picture, options);
     if (!options.sheet.empty() && tiles.size() < kMaxTiles) {
       tiles.push_back(make_tile(*picture, result));
     }

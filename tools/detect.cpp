@@ -37,8 +37,8 @@ void make_folder(const std::string& folder) {
   if (error) throw Failure("cannot make the folder " + folder + ": " + error.message());
 }
 
-ImageDetections detect(Network& network, const std::string& path, const Picture& picture,
-                       const DetectOptions& options) {
+ImageDetections detect(Network& network, std::span<char* const> labels, const std::string& path,
+                       const Picture& picture, const DetectOptions& options) {
   feed(network, to_input(picture, *network.input, options.input));
   run(network, options.mode);
   const Blob& output = *last_output(*network.layers.back());
@@ -46,7 +46,7 @@ ImageDetections detect(Network& network, const std::string& path, const Picture&
   if (output.data != nullptr) rows = {output.data, output.count};
   const Area seen = seen_area(picture, network, options.input.framing);
   return {path, picture.width, picture.height,
-          objects_of(rows, network.labels, seen, picture.width, picture.height, options.threshold)};
+          objects_of(rows, labels, seen, picture.width, picture.height, options.threshold)};
 }
 
 std::string text_of(const ImageDetections& result) {
@@ -122,11 +122,17 @@ std::vector<FoundObject> objects_of(std::span<const float> rows, std::span<char*
   return objects;
 }
 
-bool run_detect(const DetectOptions& options) {
+bool run_detect(const DetectOptions& given) {
+  DetectOptions options = given;
   const InputFiles inputs(options.images, options.model);
   inputs.check_output(options.sheet);
   set_threads(options.threads);
-  const auto network = open_model(options.model, options.channel_mean, /*batch=*/1);
+  FileImage image = read_model_file(options.model);
+  const auto network = open_model(options.model, root_tag(image.get()), options.channel_mean);
+  const ModelCard card = read_card(options.model, root_tag(image.get()));
+  image.reset();
+  options.input = obey_card(options.input, card);
+  const auto labels = labels_by_score(*network, card);
   check_detector(*network, options);
   set_up(*network, options.mode);
   std::vector<std::string> copies;
@@ -144,7 +150,7 @@ bool run_detect(const DetectOptions& options) {
       all_read = false;
       continue;
     }
-    const ImageDetections result = detect(*network, options.images[i], *picture, options);
+    const ImageDetections result = detect(*network, labels, options.images[i], *picture, options);
     if (!options.sheet.empty() && tiles.size() < kMaxTiles) {
       tiles.push_back(make_tile(*picture, result));
     }

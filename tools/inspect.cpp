@@ -1,6 +1,8 @@
 // The layer table needs a model that loads; the tag tree any file of elements that fit together.
 #include "inspect.h"
 
+#include <algorithm>
+
 #include "common/failure.h"
 #include "common/model.h"
 #include "common/printing.h"
@@ -8,6 +10,8 @@
 
 namespace ravu::tools {
 namespace {
+
+constexpr std::size_t kTitleWidth = 9;
 
 std::string table_of(const ModelSummary& summary) {
   using enum Table::Align;
@@ -36,8 +40,14 @@ std::string text_of(const ModelSummary& summary) {
   for (const std::string& name : summary.outputs) {
     outputs += (outputs.empty() ? "" : ", ") + printable(name);
   }
+  std::string card;
+  for (const auto& [title, text] : summary.card.lines) {
+    card += title + std::string(kTitleWidth - std::min(kTitleWidth, title.size()), ' ') +
+            printable(text) + '\n';
+  }
   return "input    " + dims_text(summary.input) + "\nmean     " + mean + "\nlabels   " +
-         std::to_string(summary.labels) + "\noutputs  " + outputs + "\n\n" + table_of(summary);
+         std::to_string(summary.labels) + "\noutputs  " + outputs + '\n' + card + '\n' +
+         table_of(summary);
 }
 
 void append_node(const TagNode& node, std::size_t depth, std::string& text) {
@@ -51,8 +61,7 @@ void append_node(const TagNode& node, std::size_t depth, std::string& text) {
 }
 
 TagNode read_tags_of(const std::string& path) {
-  const FileImage image = load_file(path.c_str());
-  if (!image) throw Failure(path + ": the file cannot be read, or is shorter than its header says");
+  const FileImage image = read_model_file(path);
   return read_tag_tree(root_tag(image.get()));
 }
 
@@ -95,8 +104,11 @@ void run_inspect(const InspectOptions& options) {
     append_node(root, 0, text);
     return print(text);
   }
-  const auto network = open_model(options.model, /*channel_mean=*/false, options.batch);
-  const ModelSummary summary = summarise(*network, options.model);
+  const FileImage image = read_model_file(options.model);
+  const Tag root = root_tag(image.get());
+  const auto network = open_model(options.model, root, /*channel_mean=*/false, options.batch);
+  ModelSummary summary = summarise(*network, options.model);
+  summary.card = read_card(options.model, root);
   print(options.json ? to_json(summary) : text_of(summary));
 }
 

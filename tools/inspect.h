@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "common/layer_costs.h"
+#include "common/model_card.h"
 #include "graph/ravuGraph.h"
 #include "model/tag_reader.h"
 
@@ -35,6 +36,7 @@ struct ModelSummary {
   std::vector<std::string> outputs;
   std::vector<LayerLine> layers;  // in execution order
   LayerCosts total;
+  ModelCard card;
 };
 
 ModelSummary summarise(const Network& network, const std::string& model);

@@ -3,6 +3,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "common/printing.h"
+
 namespace ravu::tools {
 namespace {
 
@@ -45,7 +47,56 @@ Json json_of(const TagNode& node) {
   return json;
 }
 
+// The text at a path of keys; empty where there is none.
+std::string text_at(const Json& json, const char* pointer) {
+  const Json::json_pointer place(pointer);
+  if (!json.contains(place)) return "";
+  const Json& value = json.at(place);
+  if (value.is_number_float()) return rounded(value.get<double>());
+  return value.is_string() ? value.get<std::string>() : value.dump();
+}
+
+std::vector<std::pair<std::string, std::string>> card_lines(const Json& json) {
+  std::vector<std::pair<std::string, std::string>> lines;
+  const auto sources = json.find("source");
+  if (sources != json.end() && sources->is_array()) {
+    for (const Json& source : *sources) {
+      lines.emplace_back("source",
+                         text_at(source, "/name") + ", SHA-256 " + text_at(source, "/sha256"));
+    }
+  }
+  const std::string task = text_at(json, "/task");
+  if (!task.empty()) lines.emplace_back("task", task + ", " + text_at(json, "/scores"));
+  const std::string fit = text_at(json, "/input/fit");
+  if (!fit.empty()) lines.emplace_back("pictures", text_at(json, "/input/order") + ", " + fit);
+  const std::string tensors = text_at(json, "/verification/tensors");
+  if (!tensors.empty()) {
+    lines.emplace_back("verified",
+                       tensors + " tensors on " + text_at(json, "/verification/pictures") +
+                           " pictures, worst " + text_at(json, "/verification/worst/0/relative") +
+                           " of its range");
+  }
+  return lines;
+}
+
 }  // namespace
+
+std::optional<ModelCard> card_from_json(const std::string& text) {
+  const Json json = Json::parse(text, nullptr, /*allow_exceptions=*/false);
+  if (!json.is_object()) return std::nullopt;
+  ModelCard card;
+  card.json = text;
+  const std::string fit = text_at(json, "/input/fit");
+  if (fit == "squash") card.framing = Framing::kSquash;
+  if (fit == "crop") card.framing = Framing::kCrop;
+  if (fit == "letterbox") card.framing = Framing::kLetterbox;
+  const auto offset = json.find("label_offset");
+  if (offset != json.end() && offset->is_number_unsigned()) {
+    card.label_offset = offset->get<std::uint32_t>();
+  }
+  card.lines = card_lines(json);
+  return card;
+}
 
 std::string to_json(const std::vector<Classification>& results) {
   Json array = Json::array();
@@ -95,6 +146,7 @@ std::string to_json(const ModelSummary& summary) {
                   {"outputs", summary.outputs},
                   {"parameters", summary.total.parameters},
                   {"multiply_adds", summary.total.multiply_adds},
+                  {"card", summary.card.json.empty() ? Json() : Json::parse(summary.card.json)},
                   {"layers", std::move(layers)}});
 }
 

@@ -5,6 +5,8 @@
 //   ravu inspect MODEL             shows what a model file holds
 //   ravu bench MODEL               measures how fast a model runs
 //   ravu quantise MODEL OUT        stores a model's large tensors in 8 bits
+//   ravu convert SOURCE            makes a model of an ONNX or Caffe network (in Python)
+//   ravu verify MODEL              repeats the check of a converted model (in Python)
 //
 // Results go to standard output, everything else to standard error. The exit code is 0, 1 when
 // something could not be done, or 2 when the command line is wrong. This is the only file that
@@ -19,6 +21,7 @@
 #include "classify.h"
 #include "detect.h"
 #include "inspect.h"
+#include "python_command.h"
 #include "quantise.h"
 
 namespace {
@@ -169,6 +172,11 @@ void add_quantise(CLI::App& app, QuantiseOptions& options) {
       "If an error is above the limit nothing is written and the exit code is 1.");
 }
 
+// All arguments are passed on, --help included.
+void add_python_command(CLI::App& app, const char* name, const char* description) {
+  app.add_subcommand(name, description)->prefix_command()->set_help_flag();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -186,8 +194,12 @@ int main(int argc, char** argv) {
   add_inspect(app, inspect);
   add_bench(app, bench);
   add_quantise(app, quantise);
+  add_python_command(app, "convert", "Make a model of an ONNX or Caffe network");
+  add_python_command(app, "verify", "Repeat the check of a converted model");
   try {
     app.parse(argc, argv);
+    classify.input.framing_given = app.get_subcommand("classify")->count("--fit") > 0;
+    detect.input.framing_given = app.get_subcommand("detect")->count("--fit") > 0;
     if (bench.layers && bench.mode != 0 && bench.mode != 3) {
       throw CLI::ValidationError("--layers", "needs run mode 0 or 3");
     }
@@ -197,6 +209,10 @@ int main(int argc, char** argv) {
   try {
     if (app.got_subcommand("classify")) return run_classify(classify) ? 0 : kFailed;
     if (app.got_subcommand("detect")) return run_detect(detect) ? 0 : kFailed;
+    for (const char* name : {"convert", "verify"}) {
+      if (!app.got_subcommand(name)) continue;
+      return run_python_command(name, app.get_subcommand(name)->remaining());
+    }
     if (app.got_subcommand("inspect")) run_inspect(inspect);
     if (app.got_subcommand("bench")) run_bench(bench);
     if (app.got_subcommand("quantise")) return run_quantise(quantise) ? 0 : kFailed;

@@ -214,10 +214,7 @@ FileImage restore_root_keys(FileImage root, const Tag& original,
 }
 
 bool run_quantise(const QuantiseOptions& options) {
-  const FileImage image = load_file(options.model.c_str());
-  if (!image) {
-    throw Failure(options.model + ": the file cannot be read, or is shorter than its header says");
-  }
+  const FileImage image = read_model_file(options.model);
   const Tag before = root_tag(image.get());
   const auto original = open_model(options.model, before);
 

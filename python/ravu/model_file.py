@@ -12,6 +12,7 @@ Weights are numpy arrays in the engine's own orders, which each layer's descript
 
 from __future__ import annotations
 
+import json
 import os
 from collections.abc import Sequence
 from dataclasses import dataclass, field
@@ -20,6 +21,7 @@ from pathlib import Path
 import numpy as np
 
 from . import tag_tree
+from .outline import CARD_KEY, card_of
 from .record_io import RecordReader, RecordWriter
 from .records import (
     LAYER_CLASSES,
@@ -99,6 +101,7 @@ class Model:
                     the key out, which means True
     need_quant:     whether convolution and fully connected tensors are stored quantised
     labels:         the names of the classes, in the order of the network's scores
+    card:           what the file says about itself; the engine does not look at it
     """
 
     input_size: int
@@ -111,6 +114,7 @@ class Model:
     need_quant: bool = False
     layers: list[Layer] = field(default_factory=list)
     labels: list[str] = field(default_factory=list)
+    card: dict[str, object] | None = None
 
     def append(self, layer: Layer, output: str, inputs: str | Sequence[str] | None = None) -> str:
         """Add a layer that writes the Blob `output`, and return that name.
@@ -144,6 +148,8 @@ class Model:
         writer.int("input_channel_num", self.input_channels)
         if self.need_crop is not None:
             writer.int("need_crop", self.need_crop)
+        if self.card is not None:
+            writer.text(CARD_KEY, json.dumps(self.card, indent=1))
         return writer.to_element().to_bytes()
 
     def write(self, path: str | os.PathLike[str]) -> None:
@@ -175,6 +181,7 @@ class Model:
             need_quant=need_quant,
             layers=layers,
             labels=reader.texts("label_names"),
+            card=card_of(reader),
         )
         if "data_mean" in reader:
             model.data_mean = model._checked_mean(reader.tensor("data_mean"))

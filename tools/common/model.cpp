@@ -84,9 +84,19 @@ std::unique_ptr<Network> open_model(const std::string& path, bool channel_mean,
   return loaded(open_network(path.c_str(), options), path);
 }
 
-std::unique_ptr<Network> open_model(const std::string& path, const Tag& root) {
+std::unique_ptr<Network> open_model(const std::string& path, const Tag& root, bool channel_mean,
+                                    std::uint32_t batch) {
+  LoadOptions options;
+  options.channel_mean = channel_mean;
+  options.batch = batch;
   const OutputToStderr notices;
-  return loaded(read_network(root, {}), path);
+  return loaded(read_network(root, options), path);
+}
+
+FileImage read_model_file(const std::string& path) {
+  FileImage image = load_file(path.c_str());
+  if (!image) throw Failure(path + ": the file cannot be read, or is shorter than its header says");
+  return image;
 }
 
 bool is_detector(const Network& network) {

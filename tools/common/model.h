@@ -19,7 +19,11 @@ std::unique_ptr<Network> open_model(const std::string& path, bool channel_mean,
                                     std::uint32_t batch);
 
 // The same for the root of a file that is already in memory; `path` is for the message.
-std::unique_ptr<Network> open_model(const std::string& path, const Tag& root);
+std::unique_ptr<Network> open_model(const std::string& path, const Tag& root,
+                                    bool channel_mean = false, std::uint32_t batch = 1);
+
+// Reads a model file. Throws Failure when it cannot be read.
+FileImage read_model_file(const std::string& path);
 
 // Whether the last layer writes a table of detections.
 bool is_detector(const Network& network);

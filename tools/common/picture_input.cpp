@@ -25,6 +25,11 @@ void check_takes_pictures(const Network& network, const std::string& model) {
   }
 }
 
+PictureInput obey_card(PictureInput input, const ModelCard& card) {
+  if (!input.framing_given && card.framing) input.framing = *card.framing;
+  return input;
+}
+
 std::optional<Picture> read_or_report(const std::string& path) {
   try {
     return read_picture(path);

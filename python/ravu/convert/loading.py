@@ -1,0 +1,78 @@
+"""What is to be converted: the options, and reading a source of either format."""
+
+from __future__ import annotations
+
+from collections.abc import Callable
+from dataclasses import dataclass, field, replace
+from functools import partial
+from pathlib import Path
+
+from .caffe import load_caffe, read_caffe, read_mean
+from .caffe.evaluate import CaffeSource
+from .graph import Graph, SourceError
+from .onnx_source import read_onnx
+from .recipe import Recipe
+from .ssd import attach_detector, read_detector
+from .ssd_evaluate import SsdSource
+from .verify import OnnxSource, Source
+
+
+@dataclass(frozen=True)
+class Options:
+    """recipe:       what the source expects of its pixels; what it leaves open is the usual
+    labels:       the names of the classes
+    label_offset: the score that the first label belongs to
+    weights:      the caffemodel, where the source is a Caffe network description
+    mean_file:    the mean image (binaryproto) of a Caffe network; its mean per channel is used
+    ssd:          the description (JSON) of a detector in ONNX, which is cut at its heads
+    softmax:      whether to append a softmax to the source's outputs
+    verify:       whether to compare with the source before anything is written
+    """
+
+    recipe: Recipe = Recipe()
+    labels: list[str] = field(default_factory=list)
+    label_offset: int = 0
+    weights: Path | None = None
+    mean_file: Path | None = None
+    ssd: Path | None = None
+    softmax: bool = False
+    verify: bool = True
+
+
+@dataclass(frozen=True)
+class Loaded:
+    """A source that was read.
+
+    files:  where from
+    runner: makes of a list of tensors what runs the source and fetches them
+    """
+
+    graph: Graph
+    recipe: Recipe
+    files: list[Path]
+    runner: Callable[[list[str]], Source]
+
+
+def load(source: Path, options: Options) -> Loaded:
+    """Read a source of either format. Raises `SourceError`."""
+    recipe = options.recipe
+    if options.weights is None:
+        if source.suffix == ".prototxt":
+            raise SourceError(f"{source}: the weights (a caffemodel) are missing")
+        graph = read_onnx(source)
+        if graph.takes_bytes and recipe.range is None:
+            recipe = replace(recipe, range=1.0)
+        recipe = recipe.resolved(graph.shapes[graph.input][1])
+        runner: Callable[[list[str]], Source] = partial(OnnxSource, source)
+        if options.ssd is not None:
+            detector = read_detector(options.ssd)
+            attach_detector(graph, detector)
+            runner = partial(SsdSource, source, detector)
+        return Loaded(graph, recipe, [source], runner)
+    model = load_caffe(source, options.weights)
+    files = [source, options.weights]
+    if options.mean_file is not None:
+        recipe = replace(recipe, mean=read_mean(options.mean_file))
+        files.append(options.mean_file)
+    recipe = recipe.resolved_for_caffe()
+    return Loaded(read_caffe(model), recipe, files, partial(CaffeSource, model))

