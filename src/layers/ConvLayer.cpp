@@ -2,6 +2,7 @@
 // channels in place and writes its channels in place, so nothing is split or put together.
 #include "layers/ConvLayer.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "graph/Workspace.h"
@@ -91,10 +92,12 @@ void prepare_plan(ConvLayer& layer) {
 }
 
 void interleave_weights(ConvLayer& layer) {
+  // A layer without an output is never computed, so its kernel may have any size.
+  const std::int64_t kernel_area = std::int64_t{layer.kernel_h} * layer.kernel_w;
   for (const BlobPtr& blob : layer.weights) {
     if (!blob || blob->layout != kPlanar) continue;
-    to_interleaved(*blob, static_cast<std::uint32_t>(layer.kernel_h * layer.kernel_w),
-                   blob->dims[0]);
+    const auto plane = std::min<std::int64_t>(kernel_area, blob->count);
+    to_interleaved(*blob, static_cast<std::uint32_t>(plane), blob->dims[0]);
     blob->layout = kInterleaved;
     layer.kernels_transposed = true;
   }
