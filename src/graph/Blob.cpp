@@ -21,24 +21,18 @@ std::size_t round_up_to_64(std::size_t bytes) {
   return bytes % 64 == 0 ? bytes : (bytes + 64) & ~std::size_t{63};
 }
 
-// `reserved` bytes of which the first count floats may be touched. Their contents are anything.
-std::shared_ptr<float> make_raw_storage(std::size_t reserved, std::uint32_t count) {
+// `reserved` bytes of which the first count floats may be touched; those are zeroed.
+std::shared_ptr<float> make_storage(std::size_t reserved, std::uint32_t count) {
   if (reserved == 0) return nullptr;
   constexpr auto alignment = std::align_val_t{kStorageAlignment};
   auto* data = static_cast<float*>(::operator new(reserved, alignment));
   const std::size_t used = std::size_t{count} * sizeof(float);
+  std::memset(data, 0, used);
   ASAN_POISON_MEMORY_REGION(reinterpret_cast<char*>(data) + used, reserved - used);
   return {data, [reserved](float* released) {
             ASAN_UNPOISON_MEMORY_REGION(released, reserved);
             ::operator delete(released, alignment);
           }};
-}
-
-// The same, zeroed.
-std::shared_ptr<float> make_storage(std::size_t reserved, std::uint32_t count) {
-  std::shared_ptr<float> storage = make_raw_storage(reserved, count);
-  if (storage) std::memset(storage.get(), 0, std::size_t{count} * sizeof(float));
-  return storage;
 }
 
 void install(Blob& blob, std::shared_ptr<float> storage) {
@@ -110,9 +104,16 @@ void reshape(Blob& blob, const Shape& shape) {
   free_storage(blob);
   static_cast<Shape&>(blob) = shape;
   if (blob.lender != nullptr) return;
-  const std::size_t reserved = round_up_to_64(std::size_t{shape.count} * sizeof(float));
-  install(blob, blob.zeroed_later ? make_raw_storage(reserved, shape.count)
-                                  : make_storage(reserved, shape.count));
+  if (blob.deferred != nullptr) {
+    blob.deferred->push_back(&blob);
+  } else {
+    give_storage(blob);
+  }
+}
+
+void give_storage(Blob& blob) {
+  if (blob.data != nullptr) return;
+  install(blob, make_storage(round_up_to_64(std::size_t{blob.count} * sizeof(float)), blob.count));
 }
 
 void to_interleaved(Blob& blob, std::uint32_t plane_size, std::uint32_t channels) {

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace ravu {
 
@@ -36,7 +37,9 @@ struct Blob : Shape {
   std::shared_ptr<float> storage;  // keeps `data` alive: its own block, or the lender's
   Blob* lender = nullptr;          // set when the Blob shows another Blob's storage
   bool cleared_by_input = false;   // zeroed whenever the network is handed new input
-  bool zeroed_later = false;       // `reshape` leaves the zeroing to the network's shape change
+  // While it is set, `reshape` lists the Blob here and gives it no storage: a shape change first
+  // learns what all Blobs need.
+  std::vector<Blob*>* deferred = nullptr;
 };
 
 // A Blob record that is released (storage included) when its holder goes.
@@ -63,10 +66,13 @@ bool allocate(Blob& blob);
 // Gives the Blob new storage for its count and copies count floats from `source` (null: zeros).
 void assign(Blob& blob, const void* source);
 
-// Gives the Blob a new shape and storage for it, zeroed unless `zeroed_later` is set; contents are
-// lost. Does nothing when the Blob has data and the dims and layout are the same. A borrower gets
-// the shape and no data.
+// Gives the Blob a new shape and zeroed storage for it; contents are lost. Does nothing when the
+// Blob has data and the dims and layout are the same. A borrower gets the shape and no data.
 void reshape(Blob& blob, const Shape& shape);
+
+// The second half of `reshape`: gives a Blob without data zeroed storage for its count, with
+// nothing to spare. Throws std::bad_alloc.
+void give_storage(Blob& blob);
 
 // Turns planar storage into interleaved storage, block by block of plane_size x channels elements;
 // an incomplete last block stays as it is. Does nothing for an interleaved Blob or a plane of one

@@ -19,11 +19,13 @@ namespace {
 
 // Every Blob's shape and storage before a shape change. Unless the change is committed, they are
 // put back: storage is counted by reference, so the old blocks live as long as this record. Putting
-// back needs no memory. New storage is zeroed by the commit, so that a change which is refused has
-// touched none of it.
+// back needs no memory. Until the commit no Blob gets new storage, so that a change which is
+// refused has asked for none.
 class ShapeChange {
  public:
   explicit ShapeChange(const Network& network) {
+    // From here on nothing throws: every Blob that defers is one that the destructor knows.
+    blobs_.reserve(1 + network.graph_blobs.size() + network.params.size());
     remember(*network.input);
     for (const BlobPtr& blob : network.graph_blobs) remember(*blob);
     for (const BlobPtr& blob : network.params) remember(*blob);
@@ -33,7 +35,7 @@ class ShapeChange {
 
   ~ShapeChange() {
     for (Saved& saved : blobs_) {
-      saved.blob->zeroed_later = false;
+      saved.blob->deferred = nullptr;
       if (committed_) continue;
       static_cast<Shape&>(*saved.blob) = saved.shape;
       saved.blob->storage = std::move(saved.storage);
@@ -41,12 +43,9 @@ class ShapeChange {
     }
   }
 
+  // Throws std::bad_alloc; nothing is committed then.
   void commit() {
-    for (const Saved& saved : blobs_) {
-      Blob& blob = *saved.blob;
-      const bool own = blob.lender == nullptr && blob.data != nullptr;
-      if (own && blob.storage != saved.storage) std::fill_n(blob.data, blob.count, 0.0F);
-    }
+    for (Blob* blob : deferred_) give_storage(*blob);
     committed_ = true;
   }
 
@@ -60,10 +59,11 @@ class ShapeChange {
 
   void remember(Blob& blob) {
     blobs_.push_back({&blob, blob, blob.storage, blob.data});
-    blob.zeroed_later = true;
+    blob.deferred = &deferred_;
   }
 
   std::vector<Saved> blobs_;
+  std::vector<Blob*> deferred_;
   bool committed_ = false;
 };
 
@@ -142,8 +142,8 @@ void Network::change_input_shape(const Shape& shape) {
     grown += std::uint64_t{output->count} * sizeof(float);
     if (grown > memory_limit && storage_bytes() > memory_limit) throw std::bad_alloc();
   }
-  bind_borrowers();
   change.commit();
+  bind_borrowers();
 }
 
 void Network::clear_for_input() {

@@ -258,10 +258,12 @@ bool has_weights(const ConvLayer& layer) {
 }
 
 void interleave_weights(ConvLayer& layer) {
+  // A layer without an output is never computed, so its kernel may have any size.
+  const std::int64_t kernel_area = std::int64_t{layer.kernel_h} * layer.kernel_w;
   for (const BlobPtr& blob : layer.weights) {
     if (!blob || blob->layout != kPlanar) continue;
-    to_interleaved(*blob, static_cast<std::uint32_t>(layer.kernel_h * layer.kernel_w),
-                   blob->dims[0]);
+    const auto plane = std::min<std::int64_t>(kernel_area, blob->count);
+    to_interleaved(*blob, static_cast<std::uint32_t>(plane), blob->dims[0]);
     blob->layout = kInterleaved;
     layer.kernels_transposed = true;
   }

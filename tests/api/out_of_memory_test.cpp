@@ -36,6 +36,11 @@ void* obtain(std::size_t size, std::size_t alignment) {
   return memory;
 }
 
+// Not inlined: g++ would warn of free on what it takes for its own operator new's memory.
+[[gnu::noinline]] void give_back(void* memory) {
+  std::free(memory);
+}
+
 }  // namespace
 
 void* operator new(std::size_t size) {
@@ -45,16 +50,16 @@ void* operator new(std::size_t size, std::align_val_t alignment) {
   return obtain(size, static_cast<std::size_t>(alignment));
 }
 void operator delete(void* memory) noexcept {
-  std::free(memory);
+  give_back(memory);
 }
 void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
+  give_back(memory);
 }
 void operator delete(void* memory, std::align_val_t) noexcept {
-  std::free(memory);
+  give_back(memory);
 }
 void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
-  std::free(memory);
+  give_back(memory);
 }
 
 namespace ravu::test {

@@ -1,4 +1,4 @@
-// Writes every small model of the tests into a folder, as the first corpus of the fuzzer.
+// Writes every small model of the tests into a folder, as the first corpus of the fuzz targets.
 #include <cstdio>
 #include <filesystem>
 #include <fstream>

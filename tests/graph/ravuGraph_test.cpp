@@ -4,11 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#ifdef __linux__
-#include <sys/mman.h>
-#endif
-
-#include <algorithm>
 #include <new>
 #include <string>
 #include <utility>
@@ -353,26 +348,13 @@ TEST(NetworkShapeChange, ThatRunsOutOfMemoryLeavesShapesContentsAndPointersAsThe
   EXPECT_EQ(network.params[0]->data[0], 42);
 }
 
-#ifdef __linux__
-// Whether any page of the last megabyte of the Blob's storage was ever touched.
-bool end_was_touched(const Blob& blob) {
-  constexpr std::uintptr_t kPage = 4096;
-  constexpr std::size_t kPages = 256;
-  const auto end = reinterpret_cast<std::uintptr_t>(blob.data + blob.count) / kPage * kPage;
-  unsigned char resident[kPages];
-  EXPECT_EQ(mincore(reinterpret_cast<void*>(end - kPages * kPage), kPages * kPage, resident), 0);
-  return std::any_of(resident, resident + kPages, [](unsigned char page) { return page & 1; });
-}
-
 // A change that is refused half way may have asked for far more than the machine could give.
-TEST(NetworkShapeChange, TouchesNoNewStorageBeforeEveryLayerHasFollowed) {
+TEST(NetworkShapeChange, GivesNoStorageBeforeEveryLayerHasFollowed) {
   struct LookingLayer : ProbeLayer {
-    bool input_touched = true;
-    bool output_touched = true;
+    bool saw_storage = false;
     void Reshape() override {
       reshape_like_input();
-      input_touched = end_was_touched(*inputs[0]);
-      output_touched = end_was_touched(*outputs[0]);
+      saw_storage = inputs[0]->data != nullptr || outputs[0]->data != nullptr;
     }
   };
   Graph graph;
@@ -382,28 +364,8 @@ TEST(NetworkShapeChange, TouchesNoNewStorageBeforeEveryLayerHasFollowed) {
   looking.outputs = {&graph.blob("a")};
   graph.network.add_layer(std::move(owner));
   graph.set_up();
-  graph.network.change_input_shape(square(1, 4096));
-  EXPECT_FALSE(looking.input_touched);
-  EXPECT_FALSE(looking.output_touched);
-  EXPECT_TRUE(end_was_touched(*graph.network.input)) << "zeroed in the end";
-  EXPECT_TRUE(end_was_touched(graph.blob("a")));
-}
-#endif
-
-TEST(NetworkShapeChange, ZeroesNewStorageWhenEveryLayerHasFollowed) {
-  struct MarkingLayer : ProbeLayer {
-    void Reshape() override {
-      reshape_like_input();
-      inputs[0]->data[0] = outputs[0]->data[0] = 7;
-    }
-  };
-  Graph graph;
-  auto marking = std::make_unique<MarkingLayer>();
-  marking->inputs = {graph.network.input.get()};
-  marking->outputs = {&graph.blob("a")};
-  graph.network.add_layer(std::move(marking));
-  graph.set_up();
   graph.network.change_input_shape(square(1, 3));
+  EXPECT_FALSE(looking.saw_storage);
   EXPECT_EQ(values_of(*graph.network.input), std::vector<float>(9, 0.0F));
   EXPECT_EQ(values_of(graph.blob("a")), std::vector<float>(9, 0.0F));
   reshape(graph.blob("a"), square(1, 1));

@@ -237,6 +237,22 @@ TEST(ConvLayerSetup, PlanarWeightsAreInterleavedOnce) {
   }
 }
 
+TEST(ConvLayerSetup, PlanarWeightsOfALayerWithoutOutputMayGoWithAnyKernelSize) {
+  for (const std::int32_t kernel : {0, 3, 46341, 65536, 0x7FFFFFFF}) {
+    ConvLayer layer;
+    layer.output_channels = 1;
+    layer.kernel_h = layer.kernel_w = kernel;
+    layer.weights.push_back(make_blob({2, 2, 1, 1}, {0, 1, 2, 3}));
+    layer.weights[0]->layout = kPlanar;
+    layer.biases.push_back(nullptr);
+    LayerRig rig(layer);
+    rig.add_input({1, 2, 2, 2});
+    ASSERT_TRUE(fits(layer));
+    rig.set_up();
+    EXPECT_EQ(values_of(*layer.weights[0]), (std::vector<float>{0, 1, 2, 3})) << kernel;
+  }
+}
+
 TEST(ConvLayerReshape, FollowsTheInputAndKeepsTheLoadersChannels) {
   Case c({1, 8, 8, 4, 2, 3, 3, 1, 1}, 19, 3);
   reshape(*c.input, *make_shape(3, 10, 6, 4, kInterleaved));

@@ -9,6 +9,7 @@
 #include <iterator>
 #include <random>
 
+#include "graph/cpu_backend.h"
 #include "layers/EltWiseLayer.h"
 #include "model/tag_writer.h"
 #include "support/blobs.h"
@@ -97,6 +98,30 @@ TEST(NetworkWriter, WritesFullyConnectedLayers) {
                   .add("weight", written_tensor({2, 1, 1, 1}, {1, 2}))
                   .add("has_bias", 1)
                   .add("bias", written_tensor({1, 1, 1, 1}, {3})));
+}
+
+// One row of four features for each of three outputs, which is what planar rows are, flag or not.
+TEST(NetworkWriter, TheNumberOfOutputsIsTheOutputsWhateverTheWeightsDims) {
+  for (const char* layout : {"BHWC", "BCHW"}) {
+    for (const std::vector<std::int32_t>& dims : {std::vector<std::int32_t>{3, 4}, {4, 3}}) {
+      for (const int outputs : {1, 2, 3, 4}) {
+        const auto loaded =
+            load(ModelBuilder(2, 1)
+                     .set("layout", text(layout))
+                     .add_layer(layer("neuron", {"data"}, {"f"})
+                                    .add("spec", Dictionary().add("num_output", outputs))
+                                    .add("weight", tensor(dims, random_values(12, 1)))
+                                    .add("has_bias", 0)));
+        if (!loaded.network) continue;  // more than the weights have
+        for (const bool set_up : {false, true}) {
+          if (set_up) setup_cpu(*loaded.network, 0);
+          const auto reloaded = load(written(*loaded.network));
+          ASSERT_TRUE(reloaded.network) << reloaded.reason;
+          EXPECT_EQ(reloaded.network->outputs[0]->dims, loaded.network->outputs[0]->dims);
+        }
+      }
+    }
+  }
 }
 
 TEST(NetworkWriter, WritesBatchNormalisationWithTwoKeysThatNobodyReads) {

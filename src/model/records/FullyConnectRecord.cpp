@@ -18,14 +18,15 @@ LayerPtr read_fully_connect(const Record& record, const LayerRow& row) {
 
 std::uint8_t* write_fully_connect(const BaseLayer& layer, bool quantise) {
   const auto& neuron = static_cast<const FullyConnectLayer&>(layer);
-  const Blob* weights = neuron.weights.get();
-  const std::uint32_t outputs =
-      weights == nullptr ? 0 : weights->dims[neuron.weights_transposed ? 0 : 1];
+  // The output says how many there are: the weights' dims may be larger, and which of them counts
+  // outputs depends on the orientation. Without an output the number means nothing.
+  const Blob* output = last_output(neuron);
+  const std::uint32_t outputs = output == nullptr ? 0 : output->dims[3];
   std::uint8_t* spec =
       add(make_dictionary(), "num_output", make_int(static_cast<std::int32_t>(outputs)));
   std::uint8_t* record = add(make_record("neuron"), "spec", spec);
   record = add(record, "are_weights_transposed", make_int(neuron.weights_transposed ? 1 : 0));
-  record = add(record, "weight", write_tensor(weights, quantise));
+  record = add(record, "weight", write_tensor(neuron.weights.get(), quantise));
   record = add(record, "has_bias", make_int(neuron.has_bias ? 1 : 0));
   if (neuron.has_bias) record = add(record, "bias", write_tensor(neuron.bias.get(), quantise));
   return record;
