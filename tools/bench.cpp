@@ -116,6 +116,7 @@ BenchReport report_of(const Network& network, const BenchOptions& options,
     report.multiply_adds += timing.multiply_adds;
     if (!options.layers) continue;
     timing.class_name = layer_class(layer);
+    timing.kernel = layer_kernel(layer);
     if (const Blob* output = last_output(layer); output != nullptr) {
       timing.output = output->name;
       timing.shape = output->dims;
@@ -146,6 +147,7 @@ std::string layers_text(const BenchReport& report) {
   using enum Table::Align;
   Table table({{"index", kRight},
                {"class"},
+               {"kernel"},
                {"output"},
                {"shape"},
                {"min ms", kRight},
@@ -159,6 +161,7 @@ std::string layers_text(const BenchReport& report) {
   for (const LayerTiming& layer : report.layers) {
     const bool counted = layer.multiply_adds > 0;
     table.add_row({std::to_string(index++), layer.class_name,
+                   layer.kernel.empty() ? "-" : layer.kernel,
                    layer.output.empty() ? "-" : printable(layer.output), dims_text(layer.shape),
                    milliseconds(layer.time.minimum), milliseconds(layer.time.median),
                    fixed(sum > 0 ? 100 * layer.time.median / sum : 0, 1),

@@ -37,6 +37,7 @@ double gflops(std::uint64_t multiply_adds, double seconds);
 
 struct LayerTiming {
   std::string class_name;
+  std::string kernel;  // empty for layers that have only one
   std::string output;
   std::array<std::uint32_t, 4> shape{};
   std::uint64_t multiply_adds = 0;

@@ -174,6 +174,7 @@ std::string to_json(const BenchReport& report) {
                     {"class", layer.class_name},
                     {"output", layer.output},
                     {"shape", layer.shape}};
+      if (!layer.kernel.empty()) entry["kernel"] = layer.kernel;
       entry.update(json_of(layer.time, layer.multiply_adds));
       layers.push_back(std::move(entry));
     }

@@ -245,6 +245,8 @@ kernels::ConvSizes conv_sizes(const ConvLayer& l, const Shape& input, const Shap
 }
 
 kernels::ConvForm conv_form(const ConvLayer& layer) {
+  const bool whole = last_output(layer) != nullptr && has_weights(layer) && fits(layer);
+  if (!whole) return kernels::ConvForm::kGather;
   return layer.plan.form(conv_sizes(layer, *last_input(layer), *last_output(layer)),
                          groups_of(layer));
 }

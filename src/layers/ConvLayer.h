@@ -45,7 +45,7 @@ std::optional<Shape> conv_record_shape(const ConvLayer& layer, const Shape& inpu
 // What the processor path computes on this input; meaningful when `fits`.
 kernels::ConvSizes conv_sizes(const ConvLayer& layer, const Shape& input, const Shape& output);
 
-// How the layer is computed on its input in run mode 0; meaningful when it has been set up.
+// How the layer is computed in run mode 0, for which it has been set up.
 kernels::ConvForm conv_form(const ConvLayer& layer);
 
 // Whether every group has its weights.

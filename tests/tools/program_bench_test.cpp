@@ -49,6 +49,8 @@ TEST_F(ProgramBench, LayersAddOneEntryPerLayer) {
   const json report = bench({"--layers"});
   ASSERT_EQ(report["layers"].size(), 6U);
   EXPECT_EQ(report["layers"][0]["class"], "conv");
+  EXPECT_EQ(report["layers"][0]["kernel"], "direct");
+  EXPECT_FALSE(report["layers"][5].contains("kernel"));
   EXPECT_EQ(report["layers"][0]["multiply_adds"], 6912);
   EXPECT_GT(report["layers"][0]["min_ms"], 0);
   EXPECT_EQ(report["layers"][5]["output"], "prob");

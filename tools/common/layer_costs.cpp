@@ -90,4 +90,9 @@ std::string layer_class(const BaseLayer& layer) {
   return "type " + std::to_string(layer.type);
 }
 
+std::string layer_kernel(const BaseLayer& layer) {
+  const auto* conv = dynamic_cast<const ConvLayer*>(&layer);
+  return conv != nullptr && conv->single_precision ? kernels::form_name(conv_form(*conv)) : "";
+}
+
 }  // namespace ravu::tools

@@ -20,4 +20,8 @@ LayerCosts layer_costs(const BaseLayer& layer);
 // The keyword of the layer's class in a model file ("conv"); "crop" for the crop at the input.
 std::string layer_class(const BaseLayer& layer);
 
+// How run mode 0 computes a convolution that has been set up for it ("direct", "winograd",
+// "depthwise", "gather"); empty for layers that have only one form.
+std::string layer_kernel(const BaseLayer& layer);
+
 }  // namespace ravu::tools
