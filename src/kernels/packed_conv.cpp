@@ -240,8 +240,10 @@ void add_tap(PackedConv& packed, std::uint32_t row, std::uint32_t column, std::s
 }
 
 void choose_runs(const ConvSizes& s, const float* weights, PackedConv& packed) {
-  for (std::size_t tap = 0; tap < s.kernel_h * s.kernel_w; ++tap) {
-    if (s.group_channels == 0 || !tap_counts(s, weights, tap)) continue;
+  // Without channels there may be any number of taps, and no weights for them.
+  const std::size_t taps = s.group_channels == 0 || s.kernels == 0 ? 0 : s.kernel_h * s.kernel_w;
+  for (std::size_t tap = 0; tap < taps; ++tap) {
+    if (!tap_counts(s, weights, tap)) continue;
     add_tap(packed, static_cast<std::uint32_t>(tap / s.kernel_w),
             static_cast<std::uint32_t>(tap % s.kernel_w), s.group_channels);
   }
