@@ -9,13 +9,26 @@ namespace {
 
 constexpr std::size_t kBlockPixels = 64;
 
-// Calls move(pixel, group) for each pair, block of pixels by block.
-template <class Move>
-void for_each_run(std::size_t pixels, std::size_t groups, Move move) {
+// How far the next pixel and the next group are.
+struct Place {
+  std::size_t pixel, group;
+};
+
+// Copies `run` floats for each pixel of each group, block of pixels by block.
+void copy_runs(const float* from, Place source, float* to, Place target, std::size_t pixels,
+               std::size_t groups, std::size_t run) {
   for (std::size_t start = 0; start < pixels; start += kBlockPixels) {
     const std::size_t end = std::min(start + kBlockPixels, pixels);
     for (std::size_t g = 0; g < groups; ++g) {
-      for (std::size_t p = start; p < end; ++p) move(p, g);
+      const float* read = from + g * source.group;
+      float* write = to + g * target.group;
+      if (run == 1) {  // a call for each float would take longer than the copy
+        for (std::size_t p = start; p < end; ++p) write[p * target.pixel] = read[p * source.pixel];
+      } else {
+        for (std::size_t p = start; p < end; ++p) {
+          std::copy_n(read + p * source.pixel, run, write + p * target.pixel);
+        }
+      }
     }
   }
 }
@@ -24,18 +37,14 @@ void for_each_run(std::size_t pixels, std::size_t groups, Move move) {
 
 void split_channels(const float* input, std::size_t pixels, std::size_t channels,
                     std::size_t groups, std::size_t group_channels, float* slices) {
-  for_each_run(pixels, groups, [=](std::size_t p, std::size_t g) {
-    std::copy_n(input + p * channels + g * group_channels, group_channels,
-                slices + (g * pixels + p) * group_channels);
-  });
+  copy_runs(input, {channels, group_channels}, slices, {group_channels, pixels * group_channels},
+            pixels, groups, group_channels);
 }
 
 void interleave_channels(const float* staging, std::size_t group_stride, std::size_t pixels,
                          std::size_t groups, std::size_t group_channels, float* output) {
-  for_each_run(pixels, groups, [=](std::size_t p, std::size_t g) {
-    std::copy_n(staging + g * group_stride + p * group_channels, group_channels,
-                output + (p * groups + g) * group_channels);
-  });
+  copy_runs(staging, {group_channels, group_stride}, output,
+            {groups * group_channels, group_channels}, pixels, groups, group_channels);
 }
 
 }  // namespace ravu::kernels

@@ -40,12 +40,14 @@ TEST(InterleaveChannels, PutsTheGroupsOfAPixelOneAfterAnother) {
 TEST(InterleaveChannels, UndoesASplitOfManyPixels) {
   for (const std::size_t pixels : {1U, 63U, 64U, 65U, 200U}) {
     for (const std::size_t groups : {1U, 2U, 7U}) {
-      const auto input = counting(pixels * groups * 3);
-      std::vector<float> slices(input.size());
-      std::vector<float> output(input.size());
-      split_channels(input.data(), pixels, groups * 3, groups, 3, slices.data());
-      interleave_channels(slices.data(), pixels * 3, pixels, groups, 3, output.data());
-      EXPECT_EQ(output, input) << pixels << " pixels, " << groups << " groups";
+      for (const std::size_t run : {1U, 3U}) {
+        const auto input = counting(pixels * groups * run);
+        std::vector<float> slices(input.size());
+        std::vector<float> output(input.size());
+        split_channels(input.data(), pixels, groups * run, groups, run, slices.data());
+        interleave_channels(slices.data(), pixels * run, pixels, groups, run, output.data());
+        EXPECT_EQ(output, input) << pixels << " pixels, " << groups << " groups of " << run;
+      }
     }
   }
 }
