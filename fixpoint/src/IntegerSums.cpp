@@ -8,6 +8,8 @@
 #include <utility>
 
 #include "quantise.h"
+#include "single_channel.h"
+#include "threads.h"
 
 namespace ravu::fixpoint {
 namespace {
@@ -16,9 +18,8 @@ using Tag = dnnl::memory::format_tag;
 using Type = dnnl::memory::data_type;
 
 constexpr std::int64_t kGreatestByte = 255;
-constexpr std::int64_t kGreatestSmallByte = 127;
 constexpr std::int64_t kExactBelow = std::int64_t{1} << 24;
-constexpr std::int64_t kSumLimit = std::int64_t{1} << 30;
+constexpr std::int64_t kSumLimit = std::int64_t{1} << 31;
 
 // Shapes whose primitives are kept; another one empties the store.
 constexpr std::size_t kMaxShapes = 16;
@@ -42,11 +43,15 @@ IntegerSums::IntegerSums(const KernelSizes& sizes, std::vector<std::int8_t> weig
 }
 
 bool IntegerSums::stay_in_range() const {
-  return greatest_sum_ * kGreatestSmallByte < kSumLimit;
+  return greatest_sum_ * kGreatestByte < kSumLimit;
 }
 
 void IntegerSums::compute(const ImageSizes& image, const std::uint8_t* bytes, bool full,
                           int threads, float* sums) {
+  if (sizes_.input_channels == 1 && sizes_.output_channels == 1) {
+    compute_single(image, bytes, threads, sums);
+    return;
+  }
   Prepared& prepared = prepare(image, threads);
   Arranged& weights = arrange(prepared.weights);
   // oneDNN takes all memory as writable; inputs are only read.
@@ -67,6 +72,16 @@ void IntegerSums::compute(const ImageSizes& image, const std::uint8_t* bytes, bo
     execute(prepared, weights.parts[part]);
     add_sums(sums, more_.data(), count);
   }
+}
+
+void IntegerSums::compute_single(const ImageSizes& image, const std::uint8_t* bytes, int threads,
+                                 float* sums) {
+  const auto size = [](std::int64_t n) { return static_cast<std::size_t>(n); };
+  const SingleChannel s{size(sizes_.kernel_h), size(sizes_.kernel_w), size(sizes_.stride_h),
+                        size(sizes_.stride_w), size(image.width),     size(image.columns)};
+  share(threads, size(image.rows),
+        [&](std::size_t row) { single_channel_row(s, bytes, weights_.data(), row, sums); });
+  ++executions_;
 }
 
 IntegerSums::Prepared& IntegerSums::prepare(const ImageSizes& image, int threads) {

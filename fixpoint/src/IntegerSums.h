@@ -1,5 +1,5 @@
 // The sums of products of unsigned input bytes with signed weight bytes over every kernel window:
-// the one thing that oneDNN does here. Everything is kept by shape, so that a run creates nothing
+// what oneDNN does here. Its primitives are kept by shape, so that a run creates nothing
 // but what it sees for the first time.
 #pragma once
 
@@ -29,7 +29,7 @@ class IntegerSums {
   // none beyond 64.
   IntegerSums(const KernelSizes& sizes, std::vector<std::int8_t> weights);
 
-  // Whether no input of bytes up to 127 can make a sum pass 30 bits.
+  // Whether no input can make a sum pass 32 bits.
   bool stay_in_range() const;
 
   std::int64_t weight_count() const { return static_cast<std::int64_t>(weights_.size()); }
@@ -61,6 +61,7 @@ class IntegerSums {
     std::vector<dnnl::memory> parts;
   };
 
+  void compute_single(const ImageSizes& image, const std::uint8_t* bytes, int threads, float* sums);
   Prepared& prepare(const ImageSizes& image, int threads);
   Arranged& arrange(const dnnl::memory::desc& desc);
   dnnl::memory reordered(std::vector<std::int8_t>& weights, const dnnl::memory::desc& desc);

@@ -69,6 +69,18 @@ TEST(Convolution, AgreesOnTheLayersOfWellKnownNetworks) {
   }
 }
 
+TEST(Convolution, OneChannelToOneAgreesWhateverTheSizes) {
+  for (const int kernel : {1, 2, 3, 5}) {
+    for (const int stride : {1, 2, 3}) {
+      for (const int size : {5, 7, 8, 16, 33}) {
+        ConvCase c = square(2, size, 1, 1, kernel, stride, kernel / 2);
+        fill(c, 20, true, size % 2 == 0 ? 0.0F : -2.0F);
+        expect_reference(c, "one to one");
+      }
+    }
+  }
+}
+
 // All weights and inputs at the end of their ranges: sums far beyond what single precision counts.
 TEST(Convolution, LargeSumsAreExactWhateverTheSigns) {
   ConvCase c = square(1, 4, 1600, 3, 3, 1, 1);

@@ -108,7 +108,7 @@ using Destroy = void (*)(Operator* op);
 inline constexpr std::uint32_t kSetThreads = 102;
 using SetThreads = bool (*)(Operator* op, std::int32_t threads);
 
-// How many times the operator has executed an integer primitive; 0 for null.
+// How many times the operator has summed integer products; 0 for null.
 inline constexpr std::uint32_t kExecutions = 103;
 using Executions = std::uint64_t (*)(const Operator* op);
 
