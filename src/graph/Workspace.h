@@ -1,9 +1,11 @@
-// Scratch memory that all layers of a network share. Layers run one after another, so one area as
-// large as the hungriest layer's wish serves them all.
+// Scratch memory and worker threads that all layers of a network share. Layers run one after
+// another, so one area as large as the hungriest layer's wish serves them all.
 #pragma once
 
 #include <cstddef>
 #include <memory>
+
+#include "kernels/workers.h"
 
 namespace ravu {
 
@@ -17,9 +19,12 @@ class Workspace {
   float* scratch() const { return area_.get(); }
   std::size_t size() const { return size_; }
 
+  kernels::Workers& workers() { return workers_; }
+
  private:
   std::shared_ptr<float> area_;
   std::size_t size_ = 0;
+  kernels::Workers workers_;
 };
 
 }  // namespace ravu

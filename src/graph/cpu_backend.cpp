@@ -12,6 +12,7 @@ bool setup_cpu(Network& network, std::uint32_t mode) {
                    network.input_channels);
     network.mean->layout = kInterleaved;
   }
+  network.workspace.workers().set_threads(kernels::blas_threads());
   std::uint64_t bytes = network.storage_bytes();
   for (const auto& layer : network.layers) {
     const std::size_t known = network.params.size();

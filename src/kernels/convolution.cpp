@@ -136,18 +136,4 @@ void convolve(const ConvSizes& s, const float* input, const float* weights, cons
   }
 }
 
-void multiply(const float* weights, const float* input, float* output, std::size_t batch,
-              std::size_t features, std::size_t outputs) {
-  const auto m = static_cast<blasint>(outputs);
-  const auto k = static_cast<blasint>(features);
-  // A single image needs each weight once: the matrix-vector product reads them in place, where
-  // the matrix product would first copy them.
-  if (batch == 1) {
-    cblas_sgemv(CblasColMajor, CblasNoTrans, m, k, 1.0F, weights, m, input, 1, 0.0F, output, 1);
-  } else {
-    cblas_sgemm(CblasColMajor, CblasNoTrans, CblasNoTrans, m, static_cast<blasint>(batch), k, 1.0F,
-                weights, m, input, k, 0.0F, output, m);
-  }
-}
-
 }  // namespace ravu::kernels

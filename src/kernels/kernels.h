@@ -11,6 +11,8 @@
 
 namespace ravu::kernels {
 
+class Workers;
+
 // output[i] = input[i] * slope where that is greater than input[i], else input[i]; i < n.
 void relu(const float* input, float* output, std::size_t n, float slope);
 
@@ -185,8 +187,16 @@ std::size_t conv_scratch_floats(const ConvSizes& sizes);
 void convolve(const ConvSizes& sizes, const float* input, const float* weights, const float* bias,
               std::size_t bias_count, float* output, float* scratch);
 
-// output[n][m] = sum over k of weights[k][m] * input[n][k], for `batch` rows n.
+// A convolution whose every channel has a group, and one kernel, of its own. weights: one row of
+// `channels` values for each tap; bias: one value for each channel; null: none. Taps outside the
+// image count as zeros. Input and output are different arrays. The result does not depend on the
+// number of threads; it agrees with the sums to rounding.
+void convolve_depthwise(const ConvSizes& sizes, const float* input, const float* weights,
+                        const float* bias, float* output, Workers& workers);
+
+// output[n][m] = sum over k of weights[k][m] * input[n][k], for `batch` rows n, k in order. The
+// result does not depend on the number of threads; processors may differ in rounding.
 void multiply(const float* weights, const float* input, float* output, std::size_t batch,
-              std::size_t features, std::size_t outputs);
+              std::size_t features, std::size_t outputs, Workers& workers);
 
 }  // namespace ravu::kernels

@@ -54,33 +54,45 @@ std::uint64_t weights_per_group(const ConvLayer& layer, const kernels::ConvSizes
          static_cast<std::uint64_t>(layer.output_channels);
 }
 
-bool ready(const ConvLayer& layer) {
-  if (!has_weights(layer) || !has_data(layer) || !fits(layer)) {
-    return false;
+std::vector<kernels::ConvGroup> groups_of(const ConvLayer& layer) {
+  std::vector<kernels::ConvGroup> groups;
+  for (std::size_t g = 0; g < layer.weights.size(); ++g) {
+    const Blob* bias = layer.has_bias ? layer.biases[g].get() : nullptr;
+    groups.push_back({layer.weights[g]->data, bias == nullptr ? nullptr : bias->data,
+                      bias == nullptr ? 0 : bias->count});
   }
-  const auto sizes = conv_sizes(layer, *last_input(layer), *last_output(layer));
-  return weights_hold(layer, weights_per_group(layer, sizes)) &&
-         kernels::conv_scratch_floats(sizes) <= layer.workspace->size();
+  return groups;
 }
 
-void reserve_scratch(ConvLayer& layer) {
+// Whether the weights are there and hold what the kernel reads.
+bool has_whole_weights(const ConvLayer& layer, const kernels::ConvSizes& sizes) {
+  return has_weights(layer) && weights_hold(layer, weights_per_group(layer, sizes));
+}
+
+// Brings the plan and the scratch memory up to the layer's sizes.
+void prepare_plan(ConvLayer& layer) {
   const Blob* input = last_input(layer);
   const Blob* output = last_output(layer);
   if (input == nullptr || output == nullptr || !fits(layer)) return;
-  layer.workspace->reserve(kernels::conv_scratch_floats(conv_sizes(layer, *input, *output)));
+  const auto sizes = conv_sizes(layer, *input, *output);
+  if (!has_whole_weights(layer, sizes)) return;
+  const auto groups = groups_of(layer);
+  if (!layer.plan.suits(sizes, groups)) layer.plan.prepare(sizes, groups);
+  layer.workspace->reserve(
+      layer.plan.scratch_floats(sizes, groups, layer.workspace->workers().threads()));
 }
 
 void forward_float(ConvLayer& layer) {
-  if (!ready(layer)) return;
+  if (!has_data(layer) || !fits(layer)) return;
   const Blob& input = *last_input(layer);
   Blob& output = *last_output(layer);
   const auto sizes = conv_sizes(layer, input, output);
-  for (std::size_t g = 0; g < layer.weights.size(); ++g) {
-    const Blob* bias = layer.has_bias ? layer.biases[g].get() : nullptr;
-    kernels::convolve(sizes, input.data + g * sizes.group_channels, layer.weights[g]->data,
-                      bias == nullptr ? nullptr : bias->data, bias == nullptr ? 0 : bias->count,
-                      output.data + g * sizes.kernels, layer.workspace->scratch());
-  }
+  if (!has_whole_weights(layer, sizes)) return;
+  const auto groups = groups_of(layer);
+  kernels::Workers& workers = layer.workspace->workers();
+  const std::size_t scratch = layer.plan.scratch_floats(sizes, groups, workers.threads());
+  if (scratch > layer.workspace->size()) return;
+  layer.plan.run(sizes, input.data, groups, output.data, layer.workspace->scratch(), workers);
 }
 
 void forward_fixed_point(ConvLayer&) {
@@ -136,6 +148,11 @@ void interleave_weights(ConvLayer& layer) {
   }
 }
 
+kernels::ConvForm conv_form(const ConvLayer& layer) {
+  return layer.plan.form(conv_sizes(layer, *last_input(layer), *last_output(layer)),
+                         groups_of(layer));
+}
+
 Fit fits(const ConvLayer& l) {
   const Blob* input = last_input(l);
   const Blob* output = last_output(l);
@@ -178,10 +195,15 @@ bool ConvLayer::Forward(std::uint32_t mode) {
   return true;
 }
 
-bool ConvLayer::Setup(std::int32_t, std::vector<BlobPtr>&) {
+bool ConvLayer::Setup(std::int32_t mode, std::vector<BlobPtr>&) {
   AllocateBlobs(/*in_place=*/false);
   interleave_weights(*this);
-  reserve_scratch(*this);
+  single_precision = mode == kFloatMode;
+  if (single_precision) {
+    prepare_plan(*this);
+  } else {
+    plan.clear();
+  }
   return true;
 }
 
@@ -192,10 +214,11 @@ void ConvLayer::Reshape() {
   // Kept: dilation does not enter this formula, though it does enter the loader's.
   const auto shape = shape_of(*this, *input, 0, 0);
   if (shape && !same_dims_and_layout(*output, *shape)) reshape(*output, *shape);
-  reserve_scratch(*this);
+  if (single_precision) prepare_plan(*this);
 }
 
 void ConvLayer::ReleaseWeights() {
+  plan.clear();
   weights.clear();
   biases.clear();
 }

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "graph/BaseLayer.h"
+#include "kernels/conv_plan.h"
 #include "kernels/kernels.h"
 
 namespace ravu {
@@ -16,6 +17,8 @@ class ConvLayer : public BaseLayer {
   // kernel column, input channel. A group without bias has a null one.
   std::vector<BlobPtr> weights;
   std::vector<BlobPtr> biases;
+  kernels::ConvPlan plan;         // for run mode 0
+  bool single_precision = false;  // whether the last Setup was for run mode 0
   bool kernels_transposed = false;
   std::int32_t stride_w = 1, stride_h = 1;
   std::int32_t pad_w = 0, pad_h = 0;
@@ -39,6 +42,9 @@ std::optional<Shape> conv_record_shape(const ConvLayer& layer, const Shape& inpu
 
 // What the processor path computes on this input; meaningful when `fits`.
 kernels::ConvSizes conv_sizes(const ConvLayer& layer, const Shape& input, const Shape& output);
+
+// How the layer is computed on its input in run mode 0; meaningful when it has been set up.
+kernels::ConvForm conv_form(const ConvLayer& layer);
 
 // Whether every group has its weights.
 bool has_weights(const ConvLayer& layer);

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "graph/Workspace.h"
 #include "kernels/kernels.h"
 
 namespace ravu {
@@ -57,7 +58,7 @@ void forward_float(FullyConnectLayer& layer) {
   Blob& output = *last_output(layer);
   const std::size_t outputs = output.dims[3];
   kernels::multiply(layer.weights->data, input.data, output.data, input.dims[0],
-                    layer.weights->dims[0], outputs);
+                    layer.weights->dims[0], outputs, layer.workspace->workers());
   if (layer.has_bias && layer.bias) {
     kernels::add_bias(output.data, 1, output.count, output.count, layer.bias->data,
                       layer.bias->count, 0);

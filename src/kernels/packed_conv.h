@@ -1,0 +1,58 @@
+// Convolution whose weights were packed once, in the order in which the kernel reads them. The
+// kernel holds a tile of some pixels times some output channels in registers and walks the patches
+// in place: a patch row is consecutive in interleaved data, so there is nothing to gather.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "kernels/aligned_floats.h"
+#include "kernels/kernels.h"
+
+namespace ravu::kernels {
+
+// Consecutive floats of a patch: of one kernel row, from the tap in this column on.
+struct PatchRun {
+  std::uint32_t row, column, length;
+};
+
+// A part of the patch whose weights stay in the cache while they pass over many pixels.
+struct PatchSlice {
+  std::size_t first_run, end_run;
+  std::size_t depth;  // floats of its runs
+};
+
+// The weights of one group, by panels of output channels, within a panel by slices, within a slice
+// one row of `panel_width` weights for each float of the patch. The last panel is as wide as the
+// remaining channels need, in whole vectors; the channels that are missing have zero weights.
+struct PackedConv {
+  std::vector<PatchRun> runs;
+  std::vector<PatchSlice> slices;
+  std::size_t patch = 0;        // floats of a whole patch
+  std::size_t kernels = 0;      // output channels
+  std::size_t depth = 0;        // floats of a patch that have weights
+  std::size_t lanes = 0;        // of a vector
+  std::size_t panel_width = 0;  // of all but the last panel
+  AlignedFloats weights;
+};
+
+// Packs `kernels` weight rows of patch_floats. Taps whose weights are zero for every output channel
+// are left out: they cost nothing. Throws std::bad_alloc.
+PackedConv pack_conv(const ConvSizes& sizes, const float* weights);
+
+// Floats of scratch memory that each thread wants for such a convolution; more than
+// kMaxPackedScratch: the sizes are too large for this form.
+inline constexpr std::size_t kMaxPackedScratch = std::size_t{1} << 17;
+std::size_t packed_scratch_floats(const ConvSizes& sizes);
+
+// Whether the weights were packed for these sizes, as far as a layer's can change.
+bool packed_for(const PackedConv& packed, const ConvSizes& sizes);
+
+// The sums of `convolve`, in another order that depends on the sizes alone. The bias has one value
+// for each output channel of the group; null: none. `scratch` has packed_scratch_floats for each
+// thread. The result does not depend on the number of threads.
+void convolve_packed(const ConvSizes& sizes, const float* input, const PackedConv& packed,
+                     const float* bias, float* output, float* scratch, Workers& workers);
+
+}  // namespace ravu::kernels

@@ -1,0 +1,46 @@
+// The innermost loop of convolution: a tile of some pixels times some output channels whose sums
+// stay in registers while the patches pass by. Compiled for every instruction set.
+#pragma once
+
+#include <cstddef>
+
+#include "kernels/packed_conv.h"
+
+namespace ravu::kernels {
+
+inline constexpr std::size_t kTilePixels = 6;
+
+// What a tile reads and writes; all pointers are valid, several may be equal.
+struct Tile {
+  const float* pixels[kTilePixels];  // the first float of each pixel's patch
+  float* outputs[kTilePixels];
+};
+
+// The part of the patches that a call adds up, and the weights that go with it.
+struct TileSlice {
+  const PatchRun* first;
+  const PatchRun* end;
+  std::size_t row_floats, pixel_floats;  // of the data that the patches are read from
+  const float* weights;                  // aligned to whole vectors; a row per patch float
+  const float* bias;                     // added at the end; null: none
+  bool continues;                        // whether the outputs hold sums to go on from
+};
+
+// The vectors of this processor: floats of one, and how many of them a tile has at most.
+struct TileVectors {
+  std::size_t lanes, most;
+};
+inline constexpr std::size_t kMaxTileLanes = 16;
+inline constexpr std::size_t kMaxTileVectors = 4;
+TileVectors tile_vectors();
+
+// Output channels rounded up to whole vectors.
+inline std::size_t whole_vectors(std::size_t channels, std::size_t lanes) {
+  return (channels + lanes - 1) / lanes * lanes;
+}
+
+// The loop for tiles of this many vectors, 1 to `most`. Each output is written in whole vectors.
+using MultiplyTile = void (*)(const TileSlice& slice, const Tile& tile);
+MultiplyTile tile_loop(std::size_t vectors);
+
+}  // namespace ravu::kernels
