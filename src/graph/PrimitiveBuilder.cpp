@@ -185,14 +185,18 @@ void PrimitiveBuilder::relabel_output(const GpuShape& wanted) {
   if (relabelled != output_) aliases_[output_] = relabelled;
 }
 
-std::vector<float> repeated(const Blob& values, std::size_t run, std::size_t n) {
-  const bool whole = values.data != nullptr && run != 0 && run <= values.count && n % run == 0;
+std::vector<float> repeated(std::span<const float> values, std::size_t run, std::size_t n) {
+  const bool whole = run != 0 && run <= values.size() && n % run == 0;
   PrimitiveBuilder::require(
       {whole ? nullptr
              : "its parameters do not repeat along the channels a whole number of times"});
   std::vector<float> all(n);
-  for (std::size_t i = 0; i < n; ++i) all[i] = values.data[i % run];
+  for (std::size_t i = 0; i < n; ++i) all[i] = values[i % run];
   return all;
+}
+
+std::vector<float> repeated(const Blob& values, std::size_t run, std::size_t n) {
+  return repeated(std::span(values.data, values.data == nullptr ? 0 : values.count), run, n);
 }
 
 }  // namespace ravu

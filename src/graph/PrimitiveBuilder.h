@@ -105,8 +105,9 @@ class PrimitiveBuilder {
   std::string prefix_;
 };
 
-// `n` values: the Blob's first `run` ones again and again. Raises cldnn::error unless they are
-// there and fit a whole number of times.
+// `n` values: the first `run` ones again and again. Raises cldnn::error unless they are there and
+// fit a whole number of times.
+std::vector<float> repeated(std::span<const float> values, std::size_t run, std::size_t n);
 std::vector<float> repeated(const Blob& values, std::size_t run, std::size_t n);
 
 }  // namespace ravu

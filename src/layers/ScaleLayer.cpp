@@ -1,6 +1,7 @@
 // One pass where scale and bias repeat alike, which is the rule; two where they do not.
 #include "layers/ScaleLayer.h"
 
+#include <span>
 #include <string>
 #include <vector>
 
@@ -31,12 +32,17 @@ GpuShape repeating_shape(const GpuShape& input, const Blob& scales, const Blob* 
   return shape;
 }
 
-std::vector<float> in_memory_order(const Blob& values, const GpuShape& shape) {
+// Like the processor's set-up, this interleaves planar scales but no bias.
+std::vector<float> interleaved(const Blob& scales) {
   Blob turned;
-  static_cast<Shape&>(turned) = values;
-  assign(turned, values.data);
+  static_cast<Shape&>(turned) = scales;
+  assign(turned, scales.data);
   to_interleaved(turned, turned.dims[1] * turned.dims[2], turned.dims[3]);
-  auto all = repeated(turned, turned.count, elements(shape));
+  return {turned.data, turned.data + turned.count};
+}
+
+std::vector<float> in_memory_order(std::span<const float> values, const GpuShape& shape) {
+  const auto all = repeated(values, values.size(), elements(shape));
   return shape.batch > 1 ? batch_innermost(all, static_cast<std::size_t>(shape.batch)) : all;
 }
 
@@ -81,11 +87,11 @@ void ScaleLayer::AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl*
   const Blob* shifts = has_bias ? bias.get() : nullptr;
   const GpuShape repeating = repeating_shape(shape, *scales, shifts);
   const std::string scale_id = builder.parameter(builder.prefix() + "_scale", repeating,
-                                                 in_memory_order(*scales, repeating));
+                                                 in_memory_order(interleaved(*scales), repeating));
   std::string bias_id;
   if (shifts != nullptr) {
     bias_id = builder.parameter(builder.prefix() + "_scale_bias", repeating,
-                                in_memory_order(*shifts, repeating));
+                                in_memory_order({shifts->data, shifts->count}, repeating));
   }
   cldnn_scale_desc times{};
   times.scale_input = scale_id.c_str();
