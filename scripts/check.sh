@@ -23,13 +23,18 @@ cmake --build --preset clang
 ctest --test-dir build/clang --output-on-failure --parallel "$jobs"
 
 step "Lint (clang-tidy over src and tools)"
-git ls-files 'src/*.cpp' 'tools/*.cpp' |
+git ls-files 'src/*.cpp' 'tools/*.cpp' 'opencl/src/*.cpp' |
   xargs -P "$jobs" -n 4 clang-tidy -p build/clang --quiet --warnings-as-errors='*' 2>/dev/null
 
 step "Thread sanitizer (build/tsan)"
 cmake --preset tsan -DRAVU_BUILD_TOOLS=OFF >/dev/null
 cmake --build --preset tsan --target ravu_tests
 build/tsan/tests/ravu_tests --gtest_brief=1
+
+step "OpenCL kernels on a simulated device (oclgrind)"
+cmake --preset dev >/dev/null
+cmake --build --preset dev --target ravu_cldnn_tests
+scripts/check_kernels.sh build/dev
 
 step "Coverage of src (build/coverage)"
 scripts/coverage.sh

@@ -14,7 +14,7 @@ build=(
   libcli11-dev                      # command lines of the ravu program
   nlohmann-json3-dev                # its --json output
   libpng-dev libjpeg62-turbo-dev    # its pictures
-  ocl-icd-opencl-dev                # OpenCL, for the provider of the GPU run modes
+  opencl-headers ocl-icd-opencl-dev # OpenCL, for the provider of the GPU run modes
 )
 test=(
   libgtest-dev libgmock-dev                 # unit tests
@@ -25,7 +25,11 @@ test=(
   pocl-opencl-icd                           # an OpenCL device made of the processor
   python3-venv                              # a place for what requirements-test.txt names
 )
-check=(clang-format clang-tidy gcovr libbenchmark-dev)
+check=(
+  clang-format clang-tidy gcovr libbenchmark-dev
+  libclblast-dev  # the benchmark of the GPU provider compares with it
+  oclgrind        # finds kernels that read out of bounds or race
+)
 
 case "${1:-build}" in
   build) wanted=("${build[@]}") ;;

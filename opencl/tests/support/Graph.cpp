@@ -7,15 +7,24 @@
 
 namespace ravu::opencl::test {
 
+namespace {
+
+// Released before main returns: at the very end of a process OpenCL's own objects may be gone.
+class Engines final : public testing::Environment {
+ public:
+  void TearDown() override {
+    for (auto& [name, engine] : by_name) cldnn_release_engine(engine, nullptr);
+    by_name.clear();
+  }
+  std::map<std::string, cldnn_engine> by_name;
+};
+
+Engines* const engines = static_cast<Engines*>(testing::AddGlobalTestEnvironment(new Engines));
+
+}  // namespace
+
 cldnn_engine shared_engine(const std::string& single_kernel) {
-  struct Engines {
-    ~Engines() {
-      for (auto& [name, engine] : by_name) cldnn_release_engine(engine, nullptr);
-    }
-    std::map<std::string, cldnn_engine> by_name;
-  };
-  static Engines engines;
-  cldnn_engine& engine = engines.by_name[single_kernel];
+  cldnn_engine& engine = engines->by_name[single_kernel];
   if (engine == nullptr) {
     const cldnn_engine_configuration configuration = {0, 0, "", single_kernel.c_str()};
     cldnn_status status = CLDNN_SUCCESS;
