@@ -4,7 +4,7 @@
 // of folded primitives in them. A tap outside the input reads from `zeros` instead.
 //
 // image:  x size, y size, then the distances of neighbours along x, y, feature, image
-//         and the input features of one part (s6)
+//         the input features of one part (s6); s7: the taps of a row of the window are neighbours
 // window: x size, y size, strides x y, offsets x y, dilations x y
 // result: x size, y size, images, units of one part, distances of units, columns, rows, images
 // Each result is rectified with its unit's slope; `addend`, shaped like the output, comes before.
@@ -42,72 +42,89 @@ void put_results(lanes low, lanes high, __global const float* slopes, __global c
   }
 }
 
-// A work item computes PIXELS x PANEL results in registers. Biases and slopes are padded to whole
-// panels per part.
+// A work item computes PIXELS x PANEL results in registers, for `panels_each` panels one after
+// another: as many as stay in a core's cache while all its neighbours read them too. Biases and
+// slopes are padded to whole panels per part.
 __kernel void product_registers(__global const float* in, __global const float* weights,
                                 __global const float* biases, __global const float* slopes,
                                 __global const float* addend, __global const float* zeros,
                                 __global float* out, int8 image, int8 window, int8 result,
-                                int panels, int has_addend) {
+                                int panels, int has_addend, int panels_each) {
   const int pixels = result.s0 * result.s1 * result.s2;
   const int first = get_global_id(0) * PIXELS;
-  const int panel = get_global_id(1);
   const int part = get_global_id(2);
-  if (first >= pixels || panel >= panels) return;
+  if (first >= pixels) return;
   const int features = image.s6;
   const int step = image.s4;
   in += part * features * step;
-  weights += (part * panels + panel) * window.s0 * window.s1 * features * PANEL;
-  biases += (part * panels + panel) * PANEL;
-  slopes += (part * panels + panel) * PANEL;
 
-  // Pixels behind the last one repeat it and are not stored.
-#define PLACE_PIXEL(i)                                                              \
-  const int pixel##i = min(first + i, pixels - 1);                                  \
-  const int image##i = pixel##i % result.s2;                                        \
-  const int out_x##i = pixel##i / result.s2 % result.s0;                            \
-  const int out_y##i = pixel##i / result.s2 / result.s0;                            \
-  const int x##i = out_x##i * window.s2 + window.s4;                                \
-  const int y##i = out_y##i * window.s3 + window.s5;                                \
-  lanes low##i = LOAD(biases);                                                      \
-  lanes high##i = LOAD(biases + LANES);
+  // Where the pixels' windows start. Those behind the last pixel are computed and not stored.
+  int item = first % result.s2;
+  int column = first / result.s2 % result.s0;
+  int row = first / result.s2 / result.s0;
+  bool whole_rows = image.s7;
+#define PLACE_PIXEL(i)                                                                    \
+  const int x##i = column * window.s2 + window.s4;                                        \
+  const int y##i = row * window.s3 + window.s5;                                           \
+  const int from##i = y##i * image.s3 + x##i * image.s2 + item * image.s5;                \
+  const int to##i = row * result.s6 + column * result.s5 + item * result.s7;              \
+  whole_rows = whole_rows && x##i >= 0 && x##i + window.s0 <= image.s0;                   \
+  ++item;                                                                                 \
+  if (item == result.s2) {                                                                \
+    item = 0;                                                                             \
+    ++column;                                                                             \
+  }                                                                                       \
+  if (column == result.s0) {                                                              \
+    column = 0;                                                                           \
+    ++row;                                                                                \
+  }
   EACH_PIXEL(PLACE_PIXEL)
 
-  for (int row = 0; row < window.s1; ++row) {
-    for (int column = 0; column < window.s0; ++column) {
-      const int dx = column * window.s6;
-      const int dy = row * window.s7;
-#define FIND_TAP(i)                                                                         \
-  const bool inside##i =                                                                    \
-      x##i + dx >= 0 && x##i + dx < image.s0 && y##i + dy >= 0 && y##i + dy < image.s1;     \
-  __global const float* values##i =                                                         \
-      inside##i ? in + ((y##i + dy) * image.s3 + (x##i + dx) * image.s2 + image##i * image.s5) \
-                : zeros;
-      EACH_PIXEL(FIND_TAP)
-      for (int f = 0; f < features; ++f) {
-        const lanes low = LOAD(weights);
-        const lanes high = LOAD(weights + LANES);
-        weights += PANEL;
+  // Where all windows lie inside sideways, a row of taps is one run of neighbouring values.
+  const int taps = whole_rows ? window.s0 : 1;
+  const int run = taps * features;
+  const int first_panel = get_global_id(1) * panels_each;
+  const int last_panel = min(first_panel + panels_each, panels);
+  for (int panel = first_panel; panel < last_panel; ++panel) {
+    const int place = part * panels + panel;
+    __global const float* weight = weights + place * window.s0 * window.s1 * features * PANEL;
+#define START_SUMS(i)                              \
+  lanes low##i = LOAD(biases + place * PANEL);     \
+  lanes high##i = LOAD(biases + place * PANEL + LANES);
+    EACH_PIXEL(START_SUMS)
+    for (int ky = 0; ky < window.s1; ++ky) {
+      const int dy = ky * window.s7;
+      for (int kx = 0; kx < window.s0; kx += taps) {
+        const int dx = kx * window.s6;
+        const int shift = dy * image.s3 + dx * image.s2;
+#define FIND_TAP(i)                                                                       \
+  const bool inside##i =                                                                  \
+      (uint)(x##i + dx) < (uint)image.s0 && (uint)(y##i + dy) < (uint)image.s1;           \
+  __global const float* values##i = inside##i ? in + (from##i + shift) : zeros;
+        EACH_PIXEL(FIND_TAP)
+        for (int f = 0; f < run; ++f) {
+          const lanes low = LOAD(weight);
+          const lanes high = LOAD(weight + LANES);
+          weight += PANEL;
 #define MULTIPLY_ADD(i)                      \
   {                                          \
     const lanes value = values##i[f * step]; \
     low##i = fma(value, low, low##i);        \
     high##i = fma(value, high, high##i);     \
   }
-        EACH_PIXEL(MULTIPLY_ADD)
+          EACH_PIXEL(MULTIPLY_ADD)
+        }
       }
     }
+    const int units = result.s3 - panel * PANEL;
+    const int shift = (part * result.s3 + panel * PANEL) * result.s4;
+#define PUT_PIXEL(i)                                                                           \
+  if (first + i < pixels) {                                                                    \
+    put_results(low##i, high##i, slopes + place * PANEL, addend, has_addend, out, to##i + shift, \
+                result.s4, units);                                                             \
   }
-
-  const int units = result.s3 - panel * PANEL;
-  const int first_unit = part * result.s3 + panel * PANEL;
-#define PUT_PIXEL(i)                                                                     \
-  if (first + i < pixels) {                                                              \
-    const int at = out_y##i * result.s6 + out_x##i * result.s5 + image##i * result.s7 +  \
-                   first_unit * result.s4;                                               \
-    put_results(low##i, high##i, slopes, addend, has_addend, out, at, result.s4, units); \
+    EACH_PIXEL(PUT_PIXEL)
   }
-  EACH_PIXEL(PUT_PIXEL)
 }
 
 #define SIDE 16          // work items along one side of a work-group

@@ -97,15 +97,18 @@ class Convolution final : public Primitive {
     const Strides from = strides_of(in);
     const Strides to = strides_of(out);
     const Strides taps = strides_of(kernel);
+    // A pixel's features end where its neighbour's begin.
+    const bool tap_rows_run_on =
+        along(CLDNN_X, kernel.x).dilation == 1 && from.x == kernel.f * from.f;
     Product product;
-    product.image = ints(in.x, in.y, from.x, from.y, from.f, from.b, kernel.f, 0);
+    product.image = ints(in.x, in.y, from.x, from.y, from.f, from.b, kernel.f, tap_rows_run_on);
     product.window = window(kernel);
     product.result = ints(out.x, out.y, out.b, kernel.b, to.f, to.x, to.y, to.b);
     product.pixels = out.x * out.y * out.b;
     product.units = kernel.b;
     product.parts = parts_;
     product.terms = kernel.y * kernel.x * kernel.f;
-    product.border_values = kernel.f * from.f;
+    product.border_values = kernel.x * kernel.f * from.f;
     product.digits = ints(kernel.y, kernel.x, kernel.f, 0);
     product.steps = ints(taps.y, taps.x, taps.f, taps.b);
     plan_product(plan, product, weights, parameters);

@@ -1,14 +1,20 @@
 // Everything here but the last launch happens when the network is allocated.
 #include "primitives/products.h"
 
+#include <algorithm>
+
 namespace ravu::opencl {
 
 namespace {
 
 constexpr int64_t kRegisterPixels = 6;       // PIXELS of product.cl
 constexpr int64_t kWideRegisterPixels = 12;  // the same with LANES 16
-constexpr int64_t kSide = 16;                // SIDE
-constexpr int64_t kTile = 64;                // TILE
+// The weights that work items on neighbouring pixels share should stay in a core's cache, and there
+// should be enough items for all cores.
+constexpr int64_t kSharedWeights = 32 * 1024;
+constexpr int64_t kEnoughItems = 64;
+constexpr int64_t kSide = 16;  // SIDE
+constexpr int64_t kTile = 64;  // TILE
 
 void fill(Plan& plan, const Slot* slot, int64_t count, float value) {
   plan.prepare({"weights", "fill"}, {slot, as_int(count), value}, {count});
@@ -46,6 +52,13 @@ void fold(Plan& plan, const Follower& follower, int64_t units, UnitParameters& p
       fill(plan, parameters.slopes, units, follower.epilogue.number);
       break;
   }
+}
+
+// How many panels of weights a work item of product_registers goes through.
+int64_t panels_each(int64_t panels, int64_t panel_size, int64_t tiles) {
+  int64_t each = std::clamp<int64_t>(kSharedWeights / panel_size, 1, panels);
+  while (each > 1 && tiles * blocks(panels, each) < kEnoughItems) each /= 2;
+  return each;
 }
 
 // Values per unit with every part padded to whole panels.
@@ -107,9 +120,12 @@ void plan_product(Plan& plan, const Product& product, std::span<const Operand> w
         {blocks(product.pixels, kTile), blocks(panels * panel, kTile), product.parts},
         {kSide, kSide});
   } else {
-    const int64_t pixels = lanes == 16 ? kWideRegisterPixels : kRegisterPixels;
+    const int64_t tiles =
+        blocks(product.pixels, lanes == 16 ? kWideRegisterPixels : kRegisterPixels);
+    const int64_t each = panels_each(panels, product.terms * panel, tiles * product.parts);
+    arguments.emplace_back(as_int(each));
     plan.run_in_groups({"product", "product_registers"}, std::move(arguments),
-                       {blocks(product.pixels, pixels), panels, product.parts}, {});
+                       {tiles, blocks(panels, each), product.parts}, {});
   }
 }
 

@@ -121,6 +121,22 @@ TEST(Convolution, DepthwiseAgreesWithTheNaiveOneOnRandomShapes) {
   }
 }
 
+// Enough pixels for a work item to go through several panels of weights, the last one not full.
+TEST(Convolution, SeveralPanelsPerWorkItemAgreeWithTheNaiveOne) {
+  for (int split : {1, 2}) {
+    for (int batch : {1, 2}) {
+      expect_convolution({.in = {batch, 8, 23, 21},
+                          .outputs = 70,
+                          .kernel_x = 3,
+                          .kernel_y = 3,
+                          .pad_x = 1,
+                          .pad_y = 1,
+                          .split = split},
+                         1, CLDNN_FORMAT_YXFB, true, shared_engine());
+    }
+  }
+}
+
 TEST(Convolution, SeveralOutputsForEachOfManyPartsAgreeWithTheNaiveOne) {
   expect_convolution({.in = {2, 6, 5, 4},
                       .outputs = 18,
