@@ -1,6 +1,7 @@
-// ravu_bench_gpu_layers [NETWORK]: the convolutions of well-known networks through the GPU provider,
-// beside CLBlast's matrix product of the same size on the same OpenCL device and beside run mode 0
-// on the processor. Batch 1, GFLOP/s (two per multiply-add), medians of interleaved rounds.
+// ravu_bench_gpu_layers [NETWORK]: the convolutions of well-known networks through the GPU
+// provider, beside CLBlast's matrix product of the same size on the same OpenCL device and beside
+// run mode 0 on the processor. Batch 1, GFLOP/s (two per multiply-add), medians of interleaved
+// rounds.
 //
 // With PoCL as the OpenCL device all three share the same cores.
 #define CL_TARGET_OPENCL_VERSION 120
@@ -35,24 +36,24 @@ struct Case {
 };
 
 const Case kCases[] = {
-    {"resnet50", 224, 3, 64, 7, 2, 1},     {"resnet50", 56, 64, 64, 1, 1, 1},
-    {"resnet50", 56, 64, 64, 3, 1, 1},     {"resnet50", 56, 64, 256, 1, 1, 1},
-    {"resnet50", 56, 256, 64, 1, 1, 1},    {"resnet50", 56, 128, 128, 3, 2, 1},
-    {"resnet50", 28, 128, 128, 3, 1, 1},   {"resnet50", 28, 128, 512, 1, 1, 1},
-    {"resnet50", 28, 512, 128, 1, 1, 1},   {"resnet50", 56, 256, 512, 1, 2, 1},
-    {"resnet50", 14, 256, 256, 3, 1, 1},   {"resnet50", 14, 256, 1024, 1, 1, 1},
-    {"resnet50", 14, 1024, 256, 1, 1, 1},  {"resnet50", 7, 512, 512, 3, 1, 1},
-    {"resnet50", 7, 512, 2048, 1, 1, 1},   {"resnet50", 7, 2048, 512, 1, 1, 1},
-    {"vgg16", 224, 3, 64, 3, 1, 1},        {"vgg16", 224, 64, 64, 3, 1, 1},
-    {"vgg16", 112, 64, 128, 3, 1, 1},      {"vgg16", 112, 128, 128, 3, 1, 1},
-    {"vgg16", 56, 128, 256, 3, 1, 1},      {"vgg16", 56, 256, 256, 3, 1, 1},
-    {"vgg16", 28, 256, 512, 3, 1, 1},      {"vgg16", 28, 512, 512, 3, 1, 1},
-    {"vgg16", 14, 512, 512, 3, 1, 1},      {"mobilenet", 224, 3, 32, 3, 2, 1},
-    {"mobilenet", 112, 32, 32, 3, 1, 32},  {"mobilenet", 112, 32, 64, 1, 1, 1},
-    {"mobilenet", 112, 64, 64, 3, 2, 64},  {"mobilenet", 56, 64, 128, 1, 1, 1},
+    {"resnet50", 224, 3, 64, 7, 2, 1},      {"resnet50", 56, 64, 64, 1, 1, 1},
+    {"resnet50", 56, 64, 64, 3, 1, 1},      {"resnet50", 56, 64, 256, 1, 1, 1},
+    {"resnet50", 56, 256, 64, 1, 1, 1},     {"resnet50", 56, 128, 128, 3, 2, 1},
+    {"resnet50", 28, 128, 128, 3, 1, 1},    {"resnet50", 28, 128, 512, 1, 1, 1},
+    {"resnet50", 28, 512, 128, 1, 1, 1},    {"resnet50", 56, 256, 512, 1, 2, 1},
+    {"resnet50", 14, 256, 256, 3, 1, 1},    {"resnet50", 14, 256, 1024, 1, 1, 1},
+    {"resnet50", 14, 1024, 256, 1, 1, 1},   {"resnet50", 7, 512, 512, 3, 1, 1},
+    {"resnet50", 7, 512, 2048, 1, 1, 1},    {"resnet50", 7, 2048, 512, 1, 1, 1},
+    {"vgg16", 224, 3, 64, 3, 1, 1},         {"vgg16", 224, 64, 64, 3, 1, 1},
+    {"vgg16", 112, 64, 128, 3, 1, 1},       {"vgg16", 112, 128, 128, 3, 1, 1},
+    {"vgg16", 56, 128, 256, 3, 1, 1},       {"vgg16", 56, 256, 256, 3, 1, 1},
+    {"vgg16", 28, 256, 512, 3, 1, 1},       {"vgg16", 28, 512, 512, 3, 1, 1},
+    {"vgg16", 14, 512, 512, 3, 1, 1},       {"mobilenet", 224, 3, 32, 3, 2, 1},
+    {"mobilenet", 112, 32, 32, 3, 1, 32},   {"mobilenet", 112, 32, 64, 1, 1, 1},
+    {"mobilenet", 112, 64, 64, 3, 2, 64},   {"mobilenet", 56, 64, 128, 1, 1, 1},
     {"mobilenet", 56, 128, 128, 3, 1, 128}, {"mobilenet", 28, 256, 256, 3, 1, 256},
-    {"mobilenet", 28, 256, 256, 1, 1, 1},  {"mobilenet", 14, 512, 512, 3, 1, 512},
-    {"mobilenet", 14, 512, 512, 1, 1, 1},  {"mobilenet", 7, 1024, 1024, 3, 1, 1024},
+    {"mobilenet", 28, 256, 256, 1, 1, 1},   {"mobilenet", 14, 512, 512, 3, 1, 512},
+    {"mobilenet", 14, 512, 512, 1, 1, 1},   {"mobilenet", 7, 1024, 1024, 3, 1, 1024},
     {"mobilenet", 7, 1024, 1024, 1, 1, 1},
 };
 
@@ -62,7 +63,9 @@ void require(bool good, const char* what) {
   std::exit(1);
 }
 
-cldnn_tensor tensor(int b, int f, int x, int y) { return {1, 1, 2, {b, f, x, y, 1, 1, 1, 1}}; }
+cldnn_tensor tensor(int b, int f, int x, int y) {
+  return {1, 1, 2, {b, f, x, y, 1, 1, 1, 1}};
+}
 
 cldnn_layout layout(int b, int f, int x, int y) {
   cldnn_layout made{};
@@ -135,7 +138,8 @@ class Provider {
   cldnn_network network_ = nullptr;
 };
 
-// CLBlast's product of output pixels x outputs, without the gathering that a convolution would need.
+// CLBlast's product of output pixels x outputs, without the gathering that a convolution would
+// need.
 class ClBlast {
  public:
   ClBlast() {
@@ -179,8 +183,8 @@ class ClBlast {
     c_ = buffer(m * n);
   }
   cl_mem buffer(size_t floats) {
-    cl_mem mem = clCreateBuffer(context_, CL_MEM_READ_WRITE, floats * sizeof(float), nullptr,
-                                nullptr);
+    cl_mem mem =
+        clCreateBuffer(context_, CL_MEM_READ_WRITE, floats * sizeof(float), nullptr, nullptr);
     const float zero = 0;
     clEnqueueFillBuffer(queue_, mem, &zero, sizeof(zero), 0, floats * sizeof(float), 0, nullptr,
                         nullptr);
@@ -231,7 +235,7 @@ class Processor {
     auto made = std::make_unique<ravu::Blob>();
     static_cast<ravu::Shape&>(*made) = *ravu::make_shape(a, b, c, d, ravu::kInterleaved);
     require(ravu::allocate(*made), "allocating");
-    std::memset(made->data, 0, made->count * sizeof(float));
+    for (uint32_t i = 0; i < made->count; ++i) made->data[i] = static_cast<float>(i % 17) - 8;
     return made;
   }
 
@@ -286,8 +290,9 @@ int main(int argc, char** argv) {
   cldnn_engine engine = cldnn_create_engine(CLDNN_ENGINE_OPENCL, 0, nullptr, &status);
   require(engine != nullptr, "creating the engine");
   ClBlast clblast;
-  std::printf("network   input          features      kernel      provider GFLOP/s  CLBlast"
-              "   mode 0  ratio\n");
+  std::printf(
+      "network   input          features      kernel      provider GFLOP/s  CLBlast"
+      "   mode 0  ratio\n");
   for (const Case& c : kCases) {
     if (argc > 1 && std::strcmp(argv[1], c.network) != 0) continue;
     measure(engine, clblast, c);

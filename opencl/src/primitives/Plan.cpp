@@ -8,17 +8,19 @@ namespace ravu::opencl {
 
 namespace {
 
+// Work items of a group. Items on processors handle whole vectors, so there are fewer of them.
 constexpr size_t kGroup = 64;
-// Along a dimension with fewer items, most of a work-group would idle.
-constexpr int64_t kWorthwhile = 16;
+constexpr size_t kProcessorGroup = 16;
 
 size_t rounded_up(int64_t count, size_t group) {
   return static_cast<size_t>(blocks(count, static_cast<int64_t>(group))) * group;
 }
 
-std::array<size_t, 3> group_of(Work work) {
-  if (work.x >= kWorthwhile) return {kGroup, 1, 1};
-  if (work.y >= kWorthwhile) return {1, kGroup, 1};
+std::array<size_t, 3> group_of(Work work, size_t group) {
+  // Along a dimension with fewer items, most of a group would idle.
+  const auto worthwhile = static_cast<int64_t>(group) / 4;
+  if (work.x >= worthwhile) return {group, 1, 1};
+  if (work.y >= worthwhile) return {1, group, 1};
   return {1, 1, 1};
 }
 
@@ -47,7 +49,7 @@ Launch Plan::launch(KernelName name, std::vector<Argument> arguments, Work work)
   Launch launch;
   launch.kernel = engine_.queue.kernel(name);
   launch.arguments = std::move(arguments);
-  launch.local = group_of(work);
+  launch.local = group_of(work, engine_.queue.device().is_processor() ? kProcessorGroup : kGroup);
   launch.global = {rounded_up(work.x, launch.local[0]), rounded_up(work.y, launch.local[1]),
                    rounded_up(work.z, launch.local[2])};
   return launch;

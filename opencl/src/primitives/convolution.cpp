@@ -10,6 +10,8 @@ namespace ravu::opencl {
 
 namespace {
 
+constexpr int64_t kDepthwisePixels = 4;  // PIXELS of depthwise.cl
+
 class Convolution final : public Primitive {
  public:
   explicit Convolution(const cldnn_convolution_desc& desc)
@@ -136,7 +138,7 @@ class Convolution final : public Primitive {
               per_lane(plan, parameters.slopes, in), addend == nullptr ? parameters.biases : addend,
               plan.output().slot, ints(in.x, in.y, depth, 0), window(kernel), ints(out.x, out.y),
               as_int(addend == nullptr ? 0 : 1)},
-             {blocks(depth, plan.engine().queue.lanes()), out.x, out.y});
+             {blocks(depth, plan.engine().queue.lanes()), blocks(out.x, kDepthwisePixels), out.y});
   }
 
   // A value per feature as a value per feature and image.
