@@ -22,8 +22,7 @@ int lanes_of(const Device& device) {
 }
 
 std::string compile_options(const Device& device) {
-  return "-cl-std=CL1.2 -DLANES=" + std::to_string(lanes_of(device)) +
-         " -DON_PROCESSOR=" + (device.is_processor() ? "1" : "0");
+  return "-cl-std=CL1.2 -DLANES=" + std::to_string(lanes_of(device));
 }
 
 std::string cache_key(const Device& device, const std::string& options, const std::string& source) {

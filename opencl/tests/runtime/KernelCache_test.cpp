@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "support/Graph.h"
 
@@ -101,6 +102,18 @@ TEST_F(KernelCacheTest, DamagedEntriesAreIgnoredAndReplaced) {
     EXPECT_EQ(content(entry).size(), good.size());
     EXPECT_NE(content(entry), damaged);
   }
+}
+
+TEST_F(KernelCacheTest, SeveralWritersAtOnceLeaveOneWholeEntry) {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([this] { EXPECT_EQ(compute(), expected_); });
+  }
+  for (std::thread& thread : threads) thread.join();
+  ASSERT_EQ(entries().size(), 1u);
+  const auto written = fs::last_write_time(entries()[0]);
+  EXPECT_EQ(compute(), expected_);
+  EXPECT_EQ(fs::last_write_time(entries()[0]), written);  // it was good enough to be used
 }
 
 TEST_F(KernelCacheTest, AFolderThatCannotBeWrittenIsDoneWithout) {

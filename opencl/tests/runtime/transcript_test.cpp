@@ -24,52 +24,98 @@ void count_call(const char* name) {
 }  // namespace
 
 // Counts, then calls the real one.
-#define COUNTED(name, parameters, ...)                                                         \
-  extern "C" __attribute__((visibility("default"))) cl_int name parameters {                   \
-    count_call(#name);                                                                         \
-    static auto* const real = reinterpret_cast<cl_int(*) parameters>(dlsym(RTLD_NEXT, #name)); \
-    return real(__VA_ARGS__);                                                                  \
+#define COUNTED(type, name, parameters, ...)                                                 \
+  extern "C" __attribute__((visibility("default"))) type name parameters {                   \
+    count_call(#name);                                                                       \
+    static auto* const real = reinterpret_cast<type(*) parameters>(dlsym(RTLD_NEXT, #name)); \
+    return real(__VA_ARGS__);                                                                \
   }
 
-COUNTED(clEnqueueNDRangeKernel,
-        (cl_command_queue queue, cl_kernel kernel, cl_uint dims, const size_t* offset,
-         const size_t* global, const size_t* local, cl_uint count, const cl_event* events,
-         cl_event* event),
-        queue, kernel, dims, offset, global, local, count, events, event)
-COUNTED(clFinish, (cl_command_queue queue), queue)
-COUNTED(clFlush, (cl_command_queue queue), queue)
-COUNTED(clWaitForEvents, (cl_uint count, const cl_event* events), count, events)
-COUNTED(clEnqueueReadBuffer,
+COUNTED(cl_int, clFinish, (cl_command_queue queue), queue)
+COUNTED(cl_int, clFlush, (cl_command_queue queue), queue)
+COUNTED(cl_int, clWaitForEvents, (cl_uint count, const cl_event* events), count, events)
+COUNTED(cl_int, clEnqueueReadBuffer,
         (cl_command_queue queue, cl_mem mem, cl_bool blocking, size_t offset, size_t size,
          void* data, cl_uint count, const cl_event* events, cl_event* event),
         queue, mem, blocking, offset, size, data, count, events, event)
-COUNTED(clEnqueueWriteBuffer,
+COUNTED(cl_int, clEnqueueWriteBuffer,
         (cl_command_queue queue, cl_mem mem, cl_bool blocking, size_t offset, size_t size,
          const void* data, cl_uint count, const cl_event* events, cl_event* event),
         queue, mem, blocking, offset, size, data, count, events, event)
-COUNTED(clBuildProgram,
+COUNTED(cl_int, clBuildProgram,
         (cl_program program, cl_uint count, const cl_device_id* devices, const char* options,
          void(CL_CALLBACK* notify)(cl_program, void*), void* data),
         program, count, devices, options, notify, data)
-COUNTED(clSetKernelArg, (cl_kernel kernel, cl_uint index, size_t size, const void* value), kernel,
-        index, size, value)
+COUNTED(cl_int, clSetKernelArg, (cl_kernel kernel, cl_uint index, size_t size, const void* value),
+        kernel, index, size, value)
+
+COUNTED(cl_context, clCreateContext,
+        (const cl_context_properties* properties, cl_uint count, const cl_device_id* devices,
+         void(CL_CALLBACK* notify)(const char*, const void*, size_t, void*), void* data,
+         cl_int* code),
+        properties, count, devices, notify, data, code)
+COUNTED(cl_int, clReleaseContext, (cl_context context), context)
+COUNTED(cl_command_queue, clCreateCommandQueue,
+        (cl_context context, cl_device_id device, cl_command_queue_properties properties,
+         cl_int* code),
+        context, device, properties, code)
+COUNTED(cl_int, clReleaseCommandQueue, (cl_command_queue queue), queue)
+COUNTED(cl_mem, clCreateBuffer,
+        (cl_context context, cl_mem_flags flags, size_t size, void* data, cl_int* code), context,
+        flags, size, data, code)
+COUNTED(cl_int, clReleaseMemObject, (cl_mem mem), mem)
+COUNTED(cl_program, clCreateProgramWithSource,
+        (cl_context context, cl_uint count, const char** texts, const size_t* sizes, cl_int* code),
+        context, count, texts, sizes, code)
+COUNTED(cl_program, clCreateProgramWithBinary,
+        (cl_context context, cl_uint count, const cl_device_id* devices, const size_t* sizes,
+         const unsigned char** binaries, cl_int* statuses, cl_int* code),
+        context, count, devices, sizes, binaries, statuses, code)
+COUNTED(cl_int, clReleaseProgram, (cl_program program), program)
+COUNTED(cl_kernel, clCreateKernel, (cl_program program, const char* name, cl_int* code), program,
+        name, code)
+COUNTED(cl_int, clReleaseKernel, (cl_kernel kernel), kernel)
+COUNTED(cl_int, clRetainEvent, (cl_event event), event)
+COUNTED(cl_int, clReleaseEvent, (cl_event event), event)
+
+// A kernel's event is an object too.
+extern "C" __attribute__((visibility("default"))) cl_int clEnqueueNDRangeKernel(
+    cl_command_queue queue, cl_kernel kernel, cl_uint dims, const size_t* offset,
+    const size_t* global, const size_t* local, cl_uint count, const cl_event* events,
+    cl_event* event) {
+  count_call("clEnqueueNDRangeKernel");
+  if (event != nullptr) count_call("events of kernels");
+  static auto* const real =
+      reinterpret_cast<decltype(&clEnqueueNDRangeKernel)>(dlsym(RTLD_NEXT, __func__));
+  return real(queue, kernel, dims, offset, global, local, count, events, event);
+}
 
 namespace ravu::opencl::test {
 namespace {
 
 using Calls = std::map<std::string, int>;
 
+Calls calls_so_far() {
+  const std::lock_guard lock(calls_mutex);
+  return calls;
+}
+
+void forget_calls() {
+  const std::lock_guard lock(calls_mutex);
+  calls.clear();
+}
+
+// The calls that ask the device for something: no events, which are released as new ones come.
 Calls during_execution(Graph& graph) {
   EXPECT_EQ(graph.run(), Stage::kDone) << graph.text();
-  {
-    const std::lock_guard lock(calls_mutex);
-    calls.clear();
-  }
+  forget_calls();
   cldnn_status status = CLDNN_SUCCESS;
   cldnn_execute_network(graph.network(), nullptr, 0, &status);
   EXPECT_EQ(status, CLDNN_SUCCESS) << cldnn_get_last_error_message();
-  const std::lock_guard lock(calls_mutex);
-  return calls;
+  Calls during = calls_so_far();
+  during.erase("clReleaseEvent");
+  during.erase("events of kernels");
+  return during;
 }
 
 void add_convolution(Graph& graph, const char* id, const char* from) {
@@ -124,6 +170,38 @@ TEST(Transcript, WhatRunsAlongWithAProductHasNoKernelOfItsOwn) {
   relu.slope_input = "";
   graph.add(relu.header);
   EXPECT_EQ(during_execution(graph), (Calls{{"clEnqueueNDRangeKernel", 1}, {"clFlush", 1}}));
+}
+
+TEST(Transcript, EveryObjectOfOpenClIsReleased) {
+  forget_calls();
+  cldnn_status status = CLDNN_SUCCESS;
+  cldnn_engine engine = cldnn_create_engine(CLDNN_ENGINE_OPENCL, 0, nullptr, &status);
+  {
+    Graph graph(engine);
+    graph.input("in", random_values({1, 8, 4, 4}, 1));
+    graph.data("w", random_values({8, 8, 1, 1}, 2));
+    add_convolution(graph, "conv", "in");
+    add_pooling(graph, "out", "conv");
+    graph.result("out");
+    graph.run_again("out");
+    Graph refused(engine);
+    refused.input("in", random_values({1, 8, 4, 4}, 1));
+    refused.data("w", random_values({8, 9, 1, 1}, 2));
+    add_pooling(refused, "pool", "in");
+    add_convolution(refused, "conv", "pool");
+    EXPECT_EQ(refused.run(), Stage::kAllocate);
+  }
+  cldnn_release_engine(engine, &status);
+  Calls now = calls_so_far();
+  EXPECT_GT(now["clCreateBuffer"], 5);
+  EXPECT_EQ(now["clCreateContext"], 1);
+  EXPECT_EQ(now["clReleaseContext"], 1);
+  EXPECT_EQ(now["clReleaseCommandQueue"], now["clCreateCommandQueue"]);
+  EXPECT_EQ(now["clReleaseMemObject"], now["clCreateBuffer"]);
+  EXPECT_EQ(now["clReleaseProgram"],
+            now["clCreateProgramWithSource"] + now["clCreateProgramWithBinary"]);
+  EXPECT_EQ(now["clReleaseKernel"], now["clCreateKernel"]);
+  EXPECT_EQ(now["clReleaseEvent"], now["events of kernels"] + now["clRetainEvent"]);
 }
 
 TEST(Transcript, PriorBoxesAreComputedAtAllocation) {
