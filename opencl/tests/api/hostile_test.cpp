@@ -1,5 +1,5 @@
-// Every number of every descriptor replaced by hostile ones, one or two at a time: whatever comes of
-// it, it is a result or a status with a text. The sanitizers look for more.
+// Every number of every descriptor replaced by hostile ones, one or two at a time: whatever comes
+// of it, it is a result or a status with a text. The sanitizers look for more.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -18,7 +18,9 @@ struct Numbers {
   size_t count;
 };
 
-Numbers sizes_at(size_t tensor_offset) { return {tensor_offset + 24, CLDNN_TENSOR_SIZES}; }
+Numbers sizes_at(size_t tensor_offset) {
+  return {tensor_offset + 24, CLDNN_TENSOR_SIZES};
+}
 
 // Neither small enough to be harmless everywhere nor so large that only memory limits them.
 const int32_t kHostile[] = {0,
@@ -99,8 +101,8 @@ TEST(Hostile, BatchNorm) {
 TEST(Hostile, Concatenation) {
   expect_an_answer([](Graph& graph, Spoiler& spoiler) {
     graph.input("in", random_values(kIn, 1), CLDNN_FORMAT_BFYX);
-    auto desc = graph.describe<cldnn_concatenation_desc>(cldnn_concatenation_type_id, "out",
-                                                         {"in", "in"});
+    auto desc =
+        graph.describe<cldnn_concatenation_desc>(cldnn_concatenation_type_id, "out", {"in", "in"});
     desc.axis = CLDNN_CONCATENATION_F;
     spoiler.spoil(desc, {{offsetof(cldnn_concatenation_desc, axis), 1}});
     graph.add(desc.header);
@@ -141,8 +143,8 @@ TEST(Hostile, DetectionOutput) {
     graph.input("location", random_values({2, 12, 1, 1}, 1), CLDNN_FORMAT_BFYX);
     graph.input("confidence", random_values({2, 6, 1, 1}, 2), CLDNN_FORMAT_BFYX);
     graph.input("prior", random_values({1, 2, 12, 1}, 3), CLDNN_FORMAT_BFYX);
-    auto desc = graph.describe<cldnn_detection_output_desc>(
-        cldnn_detection_output_type_id, "out", {"location", "confidence", "prior"});
+    auto desc = graph.describe<cldnn_detection_output_desc>(cldnn_detection_output_type_id, "out",
+                                                            {"location", "confidence", "prior"});
     desc.class_count = 2;
     desc.keep_top_k = 5;
     desc.share_location = 1;
@@ -165,8 +167,8 @@ TEST(Hostile, FullyConnected) {
   expect_an_answer([](Graph& graph, Spoiler& spoiler) {
     graph.input("in", random_values(kIn, 1));
     graph.data("w", random_values({3, 6, 5, 4}, 1));
-    auto desc = graph.describe<cldnn_fully_connected_desc>(cldnn_fully_connected_type_id, "out",
-                                                           {"in"});
+    auto desc =
+        graph.describe<cldnn_fully_connected_desc>(cldnn_fully_connected_type_id, "out", {"in"});
     desc.weights = "w";
     desc.bias = "";
     spoiler.spoil(desc, {{offsetof(cldnn_fully_connected_desc, with_activation), 2}});
