@@ -84,6 +84,7 @@ class EngineLayer {
               const std::shared_ptr<const FixedPointLibrary>& library)
       : mode_(mode) {
     workspace_.fixed_point = library;
+    workspace_.workers().set_threads(kernels::blas_threads());
     input_ = random_blob(1, r.size, r.size, r.channels, r.channels == 3 ? -1.0F : 0.0F);
     if (r.size == 1) {
       auto product = std::make_unique<FullyConnectLayer>();

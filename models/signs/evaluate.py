@@ -28,6 +28,7 @@ def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("ravu", help="the ravu program")
     parser.add_argument("--count", type=int, default=500, help="held-out scenes to measure on")
+    parser.add_argument("--mode", type=int, default=0, help="run mode of the engine")
     parser.add_argument("--model", type=Path, default=MODEL_PATH, help="the model file")
     options = parser.parse_args()
     scenes = [draw_scene(HELD_OUT_SERIES, index) for index in range(options.count)]
@@ -35,15 +36,17 @@ def main() -> None:
     with tempfile.TemporaryDirectory() as folder:
         paths = write_scenes(scenes, Path(folder))
         for start in range(0, len(paths), BATCH):
-            detections += detect(options.ravu, options.model, paths[start : start + BATCH])
+            detections += detect(options, paths[start : start + BATCH])
     truths = [(scene.labels, scene.boxes) for scene in scenes]
     report(average_precisions(detections, truths, range(1, len(LABELS))), len(scenes))
 
 
-def detect(ravu: str, model: Path, paths: list[Path]) -> list[list[Detection]]:
+def detect(options: argparse.Namespace, paths: list[Path]) -> list[list[Detection]]:
     """What the program finds in each picture, boxes in pixels. Exits when the program fails."""
+    ravu = options.ravu
     # Every score counts: precision is measured over all thresholds.
-    command = [ravu, "detect", str(model), *map(str, paths), "--json", "--threshold", "0"]
+    command = [ravu, "detect", str(options.model), *map(str, paths), "--json", "--threshold", "0"]
+    command += ["--mode", str(options.mode)]
     result = subprocess.run(command, stdout=subprocess.PIPE, text=True, check=False)
     if result.returncode:
         raise SystemExit(f"{ravu} detect failed with status {result.returncode}")

@@ -7,7 +7,9 @@
 namespace ravu::kernels {
 namespace {
 
-constexpr std::size_t kBlockPixels = 64;
+// As many floats as a cache line holds. Pixels often lie a power of two apart, where few lines fit
+// the cache at a time.
+constexpr std::size_t kBlockPixels = 16;
 
 // How far the next pixel and the next group are.
 struct Place {
