@@ -119,10 +119,12 @@ RAVU_API void ravu_release_netowrk_weights(ravu_network* network);
 
 /* Prepares the network for a run mode; called once before the first forward run. False for an
  * unknown or reserved mode, and when memory does not suffice. Modes 2 and 4 raise an exception
- * when no GPU library can be loaded. */
+ * when no GPU library can be loaded or the library refuses the network; they hold for the input's
+ * shape of now. */
 RAVU_API bool ravu_setup_runEngine(ravu_network* network, uint32_t mode);
 
-/* Runs the network once, in the mode it was set up for, on the input given before. */
+/* Runs the network once, in the mode it was set up for, on the input given before. In modes 2 and 4
+ * the last output of the last layer alone gets new values, and a failure raises an exception. */
 RAVU_API void ravu_forward(ravu_network* network, uint32_t mode);
 
 /* How many outputs the network has. */
