@@ -26,10 +26,10 @@ std::span<const float> scores_of(const Network& network) {
 }
 
 void check_classifier(const Network& network, const ClassifyOptions& options) {
-  check_takes_pictures(network, options.model);
   if (is_detector(network)) {
     throw Failure(options.model + ": is a detector; its boxes are no scores of classes");
   }
+  check_takes_pictures(network, options.model);
 }
 
 std::string text_of(const Classification& result) {
