@@ -61,7 +61,7 @@ class Spoiler {
 using Case = std::function<void(Graph&, Spoiler&)>;
 
 void expect_an_answer(const Case& add) {
-  for (unsigned seed = 0; seed < 60; ++seed) {
+  for (unsigned seed = 0; seed < 200; ++seed) {
     Graph graph;
     Spoiler spoiler(seed);
     add(graph, spoiler);
