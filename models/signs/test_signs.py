@@ -154,8 +154,9 @@ import numpy as np
 from PIL import Image
 from reference import Model, detect
 from series import as_input
-command, model, *images, form, option, threshold = sys.argv[1:]
+command, model, *images, form, option, threshold, mode, number = sys.argv[1:]
 assert (command, form, option, threshold) == ("detect", "--json", "--threshold", "0")
+assert (mode, number) == ("--mode", "0")
 model, result = Model.read(model), []
 for path in reversed(images):
     picture = Image.open(path)

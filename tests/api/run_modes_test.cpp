@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <new>
 #include <stdexcept>
@@ -84,7 +85,10 @@ TEST(RunMode, UnknownModesAreFalseAndDoNothing) {
   EXPECT_EQ(GetCapturedStderr(), "");
 }
 
-TEST(RunMode, GpuWithoutALibraryRaisesARuntimeErrorAndLeavesTheNetworkUsable) {
+TEST(RunMode, GpuWithoutADeviceRaisesARuntimeErrorAndLeavesTheNetworkUsable) {
+#ifndef _WIN32
+  setenv("OCL_ICD_VENDORS", "/nonexistent", /*overwrite=*/1);
+#endif
   const Handle handle(small_classifier());
   for (const std::uint32_t mode : {RAVU_MODE_GPU, RAVU_MODE_GPU_KEEP}) {
     try {

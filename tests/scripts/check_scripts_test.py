@@ -58,7 +58,8 @@ class CheckIncludes(ScriptTest):
         self.assertEqual(self.verdict("src/graph/a.h", "cldnn/cldnn.h"), "")
         self.assertEqual(self.verdict("src/layers/a.h", "fixpoint/fixpoint.h"), "")
         self.assertIn("interface", self.verdict("src/kernels/a.cpp", "cldnn/cldnn.h"))
-        self.assertIn("interface", self.verdict("src/graph/a.cpp", "fixpoint/fixpoint.h"))
+        self.assertEqual(self.verdict("src/graph/a.h", "fixpoint/fixpoint.h"), "")
+        self.assertIn("interface", self.verdict("src/model/a.cpp", "fixpoint/fixpoint.h"))
 
     def test_a_quoted_include_without_folder_is_refused_in_the_engine(self):
         self.assertIn("name a folder", self.verdict("src/graph/a.cpp", "Blob.h"))
