@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Everything a change must pass before it is final: what ./test runs, and the checks that need no
-# clean machine: format, include arrows, kept rules, clang build, lint, thread sanitizer, coverage.
+# clean machine: format, include arrows, kept rules, the whole suite built by clang, the program under
+# sanitizers, lint, thread sanitizer, OpenCL kernels on a simulated device, coverage.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc)
@@ -21,6 +22,12 @@ step "clang build and suite (build/clang)"
 cmake --preset clang >/dev/null
 cmake --build --preset clang
 ctest --test-dir build/clang --output-on-failure --parallel "$jobs"
+
+step "The program under sanitizers (build/asan)"
+cmake --preset asan -DRAVU_BUILD_TOOLS=ON >/dev/null
+cmake --build --preset asan --target ravu_tool_tests
+ctest --test-dir build/asan --output-on-failure --parallel "$jobs" -R ravu_tool_tests
+cmake --preset asan >/dev/null
 
 step "Lint (clang-tidy over src and tools)"
 git ls-files 'src/*.cpp' 'tools/*.cpp' 'opencl/src/*.cpp' |
