@@ -31,6 +31,7 @@ check=(
   clang-format clang-tidy gcovr libbenchmark-dev libomp-dev
   libclblast-dev  # the benchmark of the GPU provider compares with it
   oclgrind        # finds kernels that read out of bounds or race
+  python3-torch   # the demo models once more, exported to ONNX and converted
 )
 
 case "${1:-build}" in
