@@ -1,14 +1,11 @@
-// Text results are printed as they come; JSON is one array, so it waits for the last image.
+// The scores of one image after another; see common/picture_run for what is around that.
 #include "classify.h"
 
 #include <algorithm>
 #include <cmath>
 #include <numeric>
 
-#include "common/contact_sheet.h"
 #include "common/failure.h"
-#include "common/image_file.h"
-#include "common/input_files.h"
 #include "common/model.h"
 #include "common/printing.h"
 #include "json.h"
@@ -51,11 +48,8 @@ Tile make_tile(const Picture& picture, const Classification& result) {
   return tile;
 }
 
-Classification classify(Network& network, std::span<char* const> labels, const std::string& path,
-                        const Picture& picture, const ClassifyOptions& options) {
-  feed(network, to_input(picture, *network.input, options.input));
-  run(network, options.mode);
-  return {path, best_predictions(scores_of(network), labels, options.top)};
+std::string all_to_json(const std::vector<Classification>& results) {
+  return to_json(results);
 }
 
 }  // namespace
@@ -80,41 +74,17 @@ std::vector<Prediction> best_predictions(std::span<const float> scores,
   return best;
 }
 
-bool run_classify(const ClassifyOptions& given) {
-  ClassifyOptions options = given;
-  InputFiles(options.images, options.model).check_output(options.sheet);
-  set_threads(options.threads);
-  FileImage image = read_model_file(options.model);
-  const auto network = open_model(options.model, root_tag(image.get()), options.channel_mean);
-  const ModelCard card = read_card(options.model, root_tag(image.get()));
-  image.reset();
-  options.input = obey_card(options.input, card);
-  const auto labels = labels_by_score(*network, card);
-  check_classifier(*network, options);
-  set_up(*network, options.mode);
-
-  bool all_read = true;
-  std::vector<Classification> results;
-  std::vector<Tile> tiles;
-  for (const std::string& path : options.images) {
-    const auto picture = read_or_report(path);
-    if (!picture) {
-      all_read = false;
-      continue;
-    }
-    const Classification result = classify(*network, labels, path, *picture, options);
-    if (!options.sheet.empty() && tiles.size() < kMaxTiles) {
-      tiles.push_back(make_tile(*picture, result));
-    }
-    if (options.json) {
-      results.push_back(result);
-    } else {
-      print(text_of(result));
-    }
-  }
-  if (options.json) print(to_json(results));
-  if (!options.sheet.empty()) write_png(options.sheet, draw_contact_sheet(tiles, kTileSide));
-  return all_read;
+bool run_classify(const ClassifyOptions& options) {
+  const PictureModel model = open_picture_model(options);
+  check_classifier(*model.network, options);
+  set_up(*model.network, options.mode);
+  const auto classify = [&](std::size_t i, const Picture& picture) -> Classification {
+    show(model, picture, options.mode);
+    return {options.images[i],
+            best_predictions(scores_of(*model.network), model.labels, options.top)};
+  };
+  return run_over_pictures<Classification>(options, kTileSide,
+                                           {classify, text_of, make_tile, all_to_json});
 }
 
 }  // namespace ravu::tools

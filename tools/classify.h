@@ -6,20 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "common/picture_input.h"
+#include "common/picture_run.h"
 
 namespace ravu::tools {
 
-struct ClassifyOptions {
-  std::string model;
-  std::vector<std::string> images;
+struct ClassifyOptions : PictureOptions {
   std::uint32_t top = 5;
-  PictureInput input;
-  bool channel_mean = false;
-  std::uint32_t mode = 0;
-  std::uint32_t threads = 0;  // 0: the BLAS library's own default
-  bool json = false;
-  std::string sheet;  // file of the contact sheet; empty for none
 };
 
 struct Prediction {

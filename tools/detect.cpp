@@ -1,11 +1,10 @@
-// Like classify: text results are printed as they come; JSON is one array, so it waits.
+// Rows of a detection output become boxes in pixels of the picture, which are listed and drawn.
 #include "detect.h"
 
 #include <algorithm>
 #include <filesystem>
 
 #include "common/annotation.h"
-#include "common/contact_sheet.h"
 #include "common/failure.h"
 #include "common/image_file.h"
 #include "common/input_files.h"
@@ -37,16 +36,15 @@ void make_folder(const std::string& folder) {
   if (error) throw Failure("cannot make the folder " + folder + ": " + error.message());
 }
 
-ImageDetections detect(Network& network, std::span<char* const> labels, const std::string& path,
-                       const Picture& picture, const DetectOptions& options) {
-  feed(network, to_input(picture, *network.input, options.input));
-  run(network, options.mode);
-  const Blob& output = *last_output(*network.layers.back());
+ImageDetections detect(const PictureModel& model, const std::string& path, const Picture& picture,
+                       const DetectOptions& options) {
+  show(model, picture, options.mode);
+  const Blob& output = *last_output(*model.network->layers.back());
   std::span<const float> rows;
   if (output.data != nullptr) rows = {output.data, output.count};
-  const Area seen = seen_area(picture, network, options.input.framing);
+  const Area seen = seen_area(picture, *model.network, model.input.framing);
   return {path, picture.width, picture.height,
-          objects_of(rows, labels, seen, picture.width, picture.height, options.threshold)};
+          objects_of(rows, model.labels, seen, picture.width, picture.height, options.threshold)};
 }
 
 std::string text_of(const ImageDetections& result) {
@@ -91,6 +89,10 @@ void write_copy(const std::string& path, Picture picture, const ImageDetections&
   write_png(path, picture);
 }
 
+std::string all_to_json(const std::vector<ImageDetections>& results) {
+  return to_json(results);
+}
+
 }  // namespace
 
 std::vector<FoundObject> objects_of(std::span<const float> rows, std::span<char* const> labels,
@@ -122,48 +124,23 @@ std::vector<FoundObject> objects_of(std::span<const float> rows, std::span<char*
   return objects;
 }
 
-bool run_detect(const DetectOptions& given) {
-  DetectOptions options = given;
-  const InputFiles inputs(options.images, options.model);
-  inputs.check_output(options.sheet);
-  set_threads(options.threads);
-  FileImage image = read_model_file(options.model);
-  const auto network = open_model(options.model, root_tag(image.get()), options.channel_mean);
-  const ModelCard card = read_card(options.model, root_tag(image.get()));
-  image.reset();
-  options.input = obey_card(options.input, card);
-  const auto labels = labels_by_score(*network, card);
-  check_detector(*network, options);
-  set_up(*network, options.mode);
+bool run_detect(const DetectOptions& options) {
+  const PictureModel model = open_picture_model(options);
+  check_detector(*model.network, options);
+  set_up(*model.network, options.mode);
   std::vector<std::string> copies;
   if (!options.out.empty()) {
     make_folder(options.out);
-    copies = name_copies(options.out, options.images, inputs, options.sheet);
+    copies = name_copies(options.out, options.images, InputFiles(options.images, options.model),
+                         options.sheet);
   }
-
-  bool all_read = true;
-  std::vector<ImageDetections> results;
-  std::vector<Tile> tiles;
-  for (std::size_t i = 0; i < options.images.size(); ++i) {
-    auto picture = read_or_report(options.images[i]);
-    if (!picture) {
-      all_read = false;
-      continue;
-    }
-    const ImageDetections result = detect(*network, labels, options.images[i], *picture, options);
-    if (!options.sheet.empty() && tiles.size() < kMaxTiles) {
-      tiles.push_back(make_tile(*picture, result));
-    }
-    if (!copies.empty()) write_copy(copies[i], *std::move(picture), result);
-    if (options.json) {
-      results.push_back(result);
-    } else {
-      print(text_of(result));
-    }
-  }
-  if (options.json) print(to_json(results));
-  if (!options.sheet.empty()) write_png(options.sheet, draw_contact_sheet(tiles, kTileSide));
-  return all_read;
+  const auto look = [&](std::size_t i, const Picture& picture) {
+    ImageDetections result = detect(model, options.images[i], picture, options);
+    if (!copies.empty()) write_copy(copies[i], picture, result);
+    return result;
+  };
+  return run_over_pictures<ImageDetections>(options, kTileSide,
+                                            {look, text_of, make_tile, all_to_json});
 }
 
 }  // namespace ravu::tools

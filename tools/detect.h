@@ -6,21 +6,13 @@
 #include <string>
 #include <vector>
 
-#include "common/picture_input.h"
+#include "common/picture_run.h"
 
 namespace ravu::tools {
 
-struct DetectOptions {
-  std::string model;
-  std::vector<std::string> images;
+struct DetectOptions : PictureOptions {
   float threshold = 0.5F;
-  PictureInput input;
-  bool channel_mean = false;
-  std::uint32_t mode = 0;
-  std::uint32_t threads = 0;  // 0: the BLAS library's own default
-  bool json = false;
-  std::string out;    // folder of the pictures with boxes; empty for none
-  std::string sheet;  // file of the contact sheet; empty for none
+  std::string out;  // folder of the pictures with boxes; empty for none
 };
 
 struct FoundObject {

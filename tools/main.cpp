@@ -52,20 +52,20 @@ void add_mode_and_threads(CLI::App& command, std::uint32_t& mode, std::uint32_t&
 }
 
 // What the subcommands for image files share.
-void add_pictures(CLI::App& command, std::vector<std::string>& images, PictureInput& input,
-                  bool& channel_mean) {
-  command.add_option("IMAGE", images, "JPEG or PNG files; they run one after another")->required();
+void add_pictures(CLI::App& command, PictureOptions& options) {
+  command.add_option("IMAGE", options.images, "JPEG or PNG files; they run one after another")
+      ->required();
   const std::map<std::string, Framing> framings{
       {"squash", Framing::kSquash}, {"crop", Framing::kCrop}, {"letterbox", Framing::kLetterbox}};
   command
       .add_option(
-          "--fit", input.framing,
+          "--fit", options.input.framing,
           "How an image fills the network's input: squash it, crop its centre, or letterbox "
           "it with grey borders (default: squash)")
       ->transform(CLI::CheckedTransformer(framings))
       ->option_text("squash|crop|letterbox");
-  command.add_flag("--bgr", input.bgr, "Feed the channels in the order blue, green, red");
-  command.add_flag("--channel-mean", channel_mean,
+  command.add_flag("--bgr", options.input.bgr, "Feed the channels in the order blue, green, red");
+  command.add_flag("--channel-mean", options.channel_mean,
                    "Replace the model's mean image by its average per channel");
 }
 
@@ -76,7 +76,7 @@ void add_json(CLI::App& command, bool& json) {
 void add_classify(CLI::App& app, ClassifyOptions& options) {
   CLI::App& command = *app.add_subcommand("classify", "Name what images show");
   add_model(command, options.model);
-  add_pictures(command, options.images, options.input, options.channel_mean);
+  add_pictures(command, options);
   command.add_option("--top", options.top, "How many labels to print for each image")
       ->check(CLI::PositiveNumber)
       ->capture_default_str();
@@ -94,7 +94,7 @@ void add_classify(CLI::App& app, ClassifyOptions& options) {
 void add_detect(CLI::App& app, DetectOptions& options) {
   CLI::App& command = *app.add_subcommand("detect", "Find objects in images");
   add_model(command, options.model);
-  add_pictures(command, options.images, options.input, options.channel_mean);
+  add_pictures(command, options);
   command.add_option("--threshold", options.threshold, "Least score of what is reported, 0 to 1")
       ->check(CLI::Range(0.0F, 1.0F))
       ->capture_default_str();
