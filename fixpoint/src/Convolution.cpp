@@ -1,5 +1,7 @@
-// Padding holds the byte that stands for 0. What no window covers is left out of the picture: where
-// the stride is longer than the kernel, windows stand side by side in it.
+// The image is quantised in one piece, since rows of few channels are short; then its rows are
+// copied to their places in the picture, unless that is the image itself. Padding holds the byte
+// that stands for 0. What no window covers is left out of the picture: where the stride is longer
+// than the kernel, windows stand side by side in it.
 #include "Convolution.h"
 
 #include <algorithm>
@@ -26,6 +28,9 @@ std::int64_t picture_stride(std::int64_t kernel, std::int64_t stride) {
 std::int64_t covered(std::int64_t count, std::int64_t kernel, std::int64_t stride) {
   return count == 0 ? 0 : (count - 1) * picture_stride(kernel, stride) + kernel;
 }
+
+constexpr std::size_t kBlock = 16384;  // floats that one thread quantises at a time
+constexpr std::size_t kReadPast = 1;   // bytes behind a picture that the sums may look at
 
 // Whether a picture of so many bytes is in proportion to what goes in and comes out: all but
 // padding otherwise, which a few numbers could make as large as they like.
@@ -107,55 +112,69 @@ bool Convolution::run(float* output, float rounding) {
                     static_cast<std::size_t>(sizes_.output_channels);
   for (std::int64_t i = 0; i < batch_; ++i, image += n, output += sums) {
     const Extent seen = extent(image, n);
-    quantise_image(image, range_ / seen.magnitude, rounding, seen.signs);
-    compute(padded_, bytes_.data(), seen.signs, output);
+    const Quantiser to_bytes{range_ / seen.magnitude, rounding, seen.signs ? kZeroPoint : 0};
+    compute(padded_, picture_of(image, to_bytes), seen.signs, output);
     finish_sums(output, sums, seen.signs, seen.magnitude / range_);
   }
   return true;
 }
 
-void Convolution::quantise_image(const float* image, float factor, float rounding, bool signs) {
-  const Quantiser to_bytes{factor, rounding, signs ? kZeroPoint : 0};
-  const auto row_bytes = static_cast<std::size_t>(padded_.width * sizes_.input_channels);
-  bytes_.resize(static_cast<std::size_t>(padded_.height) * row_bytes);
+const std::uint8_t* Convolution::picture_of(const float* image, const Quantiser& to_bytes) {
+  quantise_image(image, to_bytes);
   // Where the first window starts in the image; negative within the padding.
   const std::int64_t top = std::int64_t{sizes_.dilation_h} - 1 - sizes_.pad_h;
+  const std::int64_t left = std::int64_t{sizes_.dilation_w} - 1 - sizes_.pad_w;
+  if (top == 0 && left == 0 && padded_.height == height_ && padded_.width == width_) {
+    return plain_.data();
+  }
+  const auto row_bytes = static_cast<std::size_t>(padded_.width * sizes_.input_channels);
+  picture_.assign(static_cast<std::size_t>(padded_.height) * row_bytes + kReadPast,
+                  static_cast<std::uint8_t>(to_bytes.zero_point));
   const std::int64_t skipped = sizes_.stride_h - picture_stride(sizes_.kernel_h, sizes_.stride_h);
-  const int threads = threads_for_floats(static_cast<std::int64_t>(bytes_.size()));
+  const int threads = threads_for_floats(static_cast<std::int64_t>(picture_.size()));
   share(threads, static_cast<std::size_t>(padded_.height), [&](std::size_t r) {
     const auto row = static_cast<std::int64_t>(r);
     const std::int64_t y = top + row + row / sizes_.kernel_h * skipped;
-    const bool inside = y >= 0 && y < height_;
-    quantise_row(inside ? image + y * width_ * sizes_.input_channels : nullptr, to_bytes,
-                 bytes_.data() + r * row_bytes);
+    if (y < 0 || y >= height_) return;
+    copy_row(plain_.data() + y * width_ * sizes_.input_channels, picture_.data() + r * row_bytes);
+  });
+  return picture_.data();
+}
+
+// The rows between windows that lie apart are left out.
+void Convolution::quantise_image(const float* image, const Quantiser& to_bytes) {
+  const auto row = static_cast<std::size_t>(width_ * sizes_.input_channels);
+  const std::size_t n = static_cast<std::size_t>(height_) * row;
+  plain_.resize(n + kReadPast);
+  const std::size_t run = sizes_.stride_h > sizes_.kernel_h ? row : kBlock;
+  const int threads = threads_for_floats(static_cast<std::int64_t>(n));
+  share(threads, (n + run - 1) / run, [&](std::size_t i) {
+    const auto y =
+        static_cast<std::int64_t>(i * run / row) - (sizes_.dilation_h - 1) + sizes_.pad_h;
+    if (run == row && y % sizes_.stride_h >= sizes_.kernel_h) return;
+    const std::size_t first = i * run;
+    quantise(image + first, std::min(run, n - first), to_bytes, plain_.data() + first);
   });
 }
 
-void Convolution::quantise_row(const float* row, const Quantiser& to_bytes,
-                               std::uint8_t* bytes) const {
+void Convolution::copy_row(const std::uint8_t* row, std::uint8_t* bytes) const {
   const std::int64_t left = std::int64_t{sizes_.dilation_w} - 1 - sizes_.pad_w;
   if (sizes_.stride_w <= sizes_.kernel_w) {
-    quantise_pixels(row, left, padded_.width, to_bytes, bytes);
+    copy_pixels(row, left, padded_.width, bytes);
     return;
   }
   for (std::int64_t c = 0; c < padded_.columns; ++c) {
-    quantise_pixels(row, left + c * sizes_.stride_w, sizes_.kernel_w, to_bytes,
-                    bytes + c * sizes_.kernel_w * sizes_.input_channels);
+    copy_pixels(row, left + c * sizes_.stride_w, sizes_.kernel_w,
+                bytes + c * sizes_.kernel_w * sizes_.input_channels);
   }
 }
 
-void Convolution::quantise_pixels(const float* row, std::int64_t x, std::int64_t n,
-                                  const Quantiser& to_bytes, std::uint8_t* bytes) const {
+void Convolution::copy_pixels(const std::uint8_t* row, std::int64_t x, std::int64_t n,
+                              std::uint8_t* bytes) const {
   const std::int64_t channels = sizes_.input_channels;
-  const auto zero = static_cast<std::uint8_t>(to_bytes.zero_point);
-  const std::int64_t from = row == nullptr ? n : std::clamp<std::int64_t>(-x, 0, n);
-  const std::int64_t to = row == nullptr ? n : std::clamp<std::int64_t>(width_ - x, from, n);
-  std::fill(bytes, bytes + from * channels, zero);
-  if (to > from) {
-    quantise(row + (x + from) * channels, static_cast<std::size_t>((to - from) * channels),
-             to_bytes, bytes + from * channels);
-  }
-  std::fill(bytes + to * channels, bytes + n * channels, zero);
+  const std::int64_t from = std::clamp<std::int64_t>(-x, 0, n);
+  const std::int64_t to = std::clamp<std::int64_t>(width_ - x, from, n);
+  std::copy(row + (x + from) * channels, row + (x + to) * channels, bytes + from * channels);
 }
 
 }  // namespace ravu::fixpoint

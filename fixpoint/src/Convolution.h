@@ -1,5 +1,5 @@
-// A convolution operator: each image is quantised into a padded picture of bytes, so that the
-// primitive below sees no padding; its sums land in the output and become floats there.
+// A convolution operator: each image becomes a padded picture of bytes, so that the primitive below
+// sees no padding; its sums land in the output and become floats there.
 #pragma once
 
 #include <vector>
@@ -26,12 +26,14 @@ class Convolution : public Operator {
   bool run(float* output, float rounding);
 
  private:
-  void quantise_image(const float* image, float factor, float rounding, bool signs);
-  // One row of the picture from a row of the image; null: all padding.
-  void quantise_row(const float* row, const Quantiser& to_bytes, std::uint8_t* bytes) const;
-  // n pixels of it, from column x of the image on.
-  void quantise_pixels(const float* row, std::int64_t x, std::int64_t n, const Quantiser& to_bytes,
-                       std::uint8_t* bytes) const;
+  // The padded picture of an image, valid until the next call.
+  const std::uint8_t* picture_of(const float* image, const Quantiser& to_bytes);
+  void quantise_image(const float* image, const Quantiser& to_bytes);
+  // One row of the picture from a row of the image's bytes.
+  void copy_row(const std::uint8_t* row, std::uint8_t* bytes) const;
+  // n pixels of it, from column x of the image on; those in the padding are left alone.
+  void copy_pixels(const std::uint8_t* row, std::int64_t x, std::int64_t n,
+                   std::uint8_t* bytes) const;
 
   ConvSizes sizes_{};
   const float* weights_ = nullptr;  // until finish
@@ -40,7 +42,8 @@ class Convolution : public Operator {
   ImageSizes padded_{};
   const float* input_ = nullptr;  // until run
   float range_ = 0;
-  std::vector<std::uint8_t> bytes_;
+  std::vector<std::uint8_t> plain_;    // the image in bytes
+  std::vector<std::uint8_t> picture_;  // the same with padding
 };
 
 }  // namespace ravu::fixpoint

@@ -79,8 +79,13 @@ void IntegerSums::compute_single(const ImageSizes& image, const std::uint8_t* by
   const auto size = [](std::int64_t n) { return static_cast<std::size_t>(n); };
   const SingleChannel s{size(sizes_.kernel_h), size(sizes_.kernel_w), size(sizes_.stride_h),
                         size(sizes_.stride_w), size(image.width),     size(image.columns)};
-  share(threads, size(image.rows),
-        [&](std::size_t row) { single_channel_row(s, bytes, weights_.data(), row, sums); });
+  if (single_weights_.empty()) single_weights_.assign(weights_.begin(), weights_.end());
+  const std::size_t rows = size(image.rows);
+  const std::size_t run = (rows + size(threads) - 1) / size(threads);
+  share(threads, (rows + run - 1) / run, [&](std::size_t i) {
+    single_channel_rows(s, bytes, single_weights_.data(), i * run, std::min((i + 1) * run, rows),
+                        sums);
+  });
   ++executions_;
 }
 

@@ -39,7 +39,8 @@ class IntegerSums {
 
   // Writes 32-bit sums, channels fastest, as bits into `sums`. Sums of small bytes (up to 127) may
   // come rounded to what single precision holds, those of greater ones (`full`: up to 255) are
-  // exact. Works with as many threads as OpenMP is set to, which is `threads`.
+  // exact. Works with as many threads as OpenMP is set to, which is `threads`. One byte behind
+  // `bytes` must be readable.
   void compute(const ImageSizes& image, const std::uint8_t* bytes, bool full, int threads,
                float* sums);
 
@@ -70,6 +71,7 @@ class IntegerSums {
 
   KernelSizes sizes_;
   std::vector<std::int8_t> weights_;
+  std::vector<std::int16_t> single_weights_;  // the same, where one channel goes to one
   std::vector<std::int32_t> weight_sums_;
   std::int64_t greatest_sum_ = 0;  // of one output channel's magnitudes
   dnnl::engine engine_{dnnl::engine::kind::cpu, 0};

@@ -47,18 +47,42 @@ void extent_of(const float* values, std::size_t n, float* magnitude, float* leas
   *least = hn::GetLane(hn::MinOfLanes(d, lowest));
 }
 
+template <class D>
+void quantise_lanes(D d, const float* values, float factor, float rounding, std::int32_t zero_point,
+                    std::uint8_t* bytes) {
+  const hn::RebindToSigned<D> di;
+  const hn::Rebind<std::uint8_t, D> db;
+  const auto scaled = hn::Mul(hn::LoadU(d, values), hn::Set(d, factor));
+  const auto number = hn::IfThenElseZero(hn::Eq(scaled, scaled), scaled);
+  const auto rounded = hn::Floor(hn::Add(number, hn::Set(d, rounding)));
+  const auto limited = hn::Min(hn::Max(rounded, hn::Set(d, -127.0F)), hn::Set(d, 127.0F));
+  const auto integer = hn::Add(hn::ConvertTo(di, limited), hn::Set(di, zero_point));
+  hn::StoreU(hn::DemoteTo(db, integer), db, bytes);
+}
+
+// The last vector ends with the values, over some that the one before it may have seen already:
+// rows of a channel by itself are short. Fewer than a vector take one of half the length.
+template <std::size_t kLanes>
+void quantise_with(const float* values, std::size_t n, float factor, float rounding,
+                   std::int32_t zero_point, std::uint8_t* bytes) {
+  const hn::CappedTag<float, kLanes> d;
+  const std::size_t lanes = hn::Lanes(d);
+  if constexpr (kLanes > 1) {
+    if (n < lanes) {
+      return quantise_with<kLanes / 2>(values, n, factor, rounding, zero_point, bytes);
+    }
+  }
+  std::size_t i = 0;
+  for (; i + lanes <= n; i += lanes) {
+    quantise_lanes(d, values + i, factor, rounding, zero_point, bytes + i);
+  }
+  if (i == n) return;
+  quantise_lanes(d, values + n - lanes, factor, rounding, zero_point, bytes + n - lanes);
+}
+
 void quantise(const float* values, std::size_t n, float factor, float rounding,
               std::int32_t zero_point, std::uint8_t* bytes) {
-  for_each_vector(n, [=](auto d, std::size_t i) {
-    const hn::RebindToSigned<decltype(d)> di;
-    const hn::Rebind<std::uint8_t, decltype(d)> db;
-    const auto scaled = hn::Mul(hn::LoadU(d, values + i), hn::Set(d, factor));
-    const auto number = hn::IfThenElseZero(hn::Eq(scaled, scaled), scaled);
-    const auto rounded = hn::Floor(hn::Add(number, hn::Set(d, rounding)));
-    const auto limited = hn::Min(hn::Max(rounded, hn::Set(d, -127.0F)), hn::Set(d, 127.0F));
-    const auto integer = hn::Add(hn::ConvertTo(di, limited), hn::Set(di, zero_point));
-    hn::StoreU(hn::DemoteTo(db, integer), db, bytes + i);
-  });
+  quantise_with<HWY_LANES(float)>(values, n, factor, rounding, zero_point, bytes);
 }
 
 template <bool kBias>

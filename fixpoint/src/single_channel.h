@@ -15,8 +15,10 @@ struct SingleChannel {
   std::size_t columns;  // windows side by side
 };
 
-// The sums of row `row` of the windows, as bits of 32-bit integers.
-void single_channel_row(const SingleChannel& sizes, const std::uint8_t* bytes,
-                        const std::int8_t* weights, std::size_t row, float* sums);
+// The sums of the rows [first, last) of windows, as bits of 32-bit integers; `sums` are those of
+// all rows. Weights are at most 64 in magnitude. May read one byte behind the picture.
+void single_channel_rows(const SingleChannel& sizes, const std::uint8_t* bytes,
+                         const std::int16_t* weights, std::size_t first, std::size_t last,
+                         float* sums);
 
 }  // namespace ravu::fixpoint

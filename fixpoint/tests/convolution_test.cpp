@@ -72,7 +72,7 @@ TEST(Convolution, AgreesOnTheLayersOfWellKnownNetworks) {
 TEST(Convolution, OneChannelToOneAgreesWhateverTheSizes) {
   for (const int kernel : {1, 2, 3, 5}) {
     for (const int stride : {1, 2, 3}) {
-      for (const int size : {5, 7, 8, 16, 33}) {
+      for (const int size : {1, 2, 3, 4, 5, 7, 8, 9, 14, 16, 33, 70}) {
         ConvCase c = square(2, size, 1, 1, kernel, stride, kernel / 2);
         fill(c, 20, true, size % 2 == 0 ? 0.0F : -2.0F);
         expect_reference(c, "one to one");

@@ -1,8 +1,9 @@
 // Groups of channels out of pixels and back. A group's channels are few and lie far apart, so both
-// directions go through the pixels in blocks that stay in the cache.
+// directions go through the pixels in blocks that stay in the cache, and threads take runs of them.
 #include <algorithm>
 
 #include "kernels/kernels.h"
+#include "kernels/workers.h"
 
 namespace ravu::kernels {
 namespace {
@@ -11,16 +12,19 @@ namespace {
 // the cache at a time.
 constexpr std::size_t kBlockPixels = 16;
 
+// Pixels that one thread takes at a time.
+constexpr std::size_t kRunPixels = 16 * kBlockPixels;
+
 // How far the next pixel and the next group are.
 struct Place {
   std::size_t pixel, group;
 };
 
-// Copies `run` floats for each pixel of each group, block of pixels by block.
-void copy_runs(const float* from, Place source, float* to, Place target, std::size_t pixels,
-               std::size_t groups, std::size_t run) {
-  for (std::size_t start = 0; start < pixels; start += kBlockPixels) {
-    const std::size_t end = std::min(start + kBlockPixels, pixels);
+// Copies `run` floats for each of the pixels [first, last) of each group, block by block.
+void copy_block(const float* from, Place source, float* to, Place target, std::size_t first,
+                std::size_t last, std::size_t groups, std::size_t run) {
+  for (std::size_t start = first; start < last; start += kBlockPixels) {
+    const std::size_t end = std::min(start + kBlockPixels, last);
     for (std::size_t g = 0; g < groups; ++g) {
       const float* read = from + g * source.group;
       float* write = to + g * target.group;
@@ -35,18 +39,28 @@ void copy_runs(const float* from, Place source, float* to, Place target, std::si
   }
 }
 
+void copy_runs(const float* from, Place source, float* to, Place target, std::size_t pixels,
+               std::size_t groups, std::size_t run, Workers& workers) {
+  workers.run((pixels + kRunPixels - 1) / kRunPixels, [&](std::size_t i, std::size_t) {
+    const std::size_t first = i * kRunPixels;
+    copy_block(from, source, to, target, first, std::min(first + kRunPixels, pixels), groups, run);
+  });
+}
+
 }  // namespace
 
 void split_channels(const float* input, std::size_t pixels, std::size_t channels,
-                    std::size_t groups, std::size_t group_channels, float* slices) {
+                    std::size_t groups, std::size_t group_channels, float* slices,
+                    Workers& workers) {
   copy_runs(input, {channels, group_channels}, slices, {group_channels, pixels * group_channels},
-            pixels, groups, group_channels);
+            pixels, groups, group_channels, workers);
 }
 
 void interleave_channels(const float* staging, std::size_t group_stride, std::size_t pixels,
-                         std::size_t groups, std::size_t group_channels, float* output) {
+                         std::size_t groups, std::size_t group_channels, float* output,
+                         Workers& workers) {
   copy_runs(staging, {group_channels, group_stride}, output,
-            {groups * group_channels, group_channels}, pixels, groups, group_channels);
+            {groups * group_channels, group_channels}, pixels, groups, group_channels, workers);
 }
 
 }  // namespace ravu::kernels

@@ -35,12 +35,14 @@ void add_bias(float* first_row, std::size_t rows, std::size_t width, std::size_t
 // Cuts pixels of `channels` floats into groups: slice g holds `group_channels` of each pixel, from
 // channel g * group_channels on. The slices stand one after another.
 void split_channels(const float* input, std::size_t pixels, std::size_t channels,
-                    std::size_t groups, std::size_t group_channels, float* slices);
+                    std::size_t groups, std::size_t group_channels, float* slices,
+                    Workers& workers);
 
 // Puts the groups' pixels, which start `group_stride` floats apart, together again: group 0's
 // channels come first.
 void interleave_channels(const float* staging, std::size_t group_stride, std::size_t pixels,
-                         std::size_t groups, std::size_t group_channels, float* output);
+                         std::size_t groups, std::size_t group_channels, float* output,
+                         Workers& workers);
 
 // Parameters that repeat along the data: element i takes entry i mod period. The period is at least
 // 1; no more than n entries are read.

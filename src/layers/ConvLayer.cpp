@@ -4,6 +4,7 @@
 #include "layers/ConvLayer.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -128,6 +129,12 @@ bool configure(const FixedPointLibrary& library, const ConvLayer& l, std::size_t
          library.conv_finish(op, kFixedPointWeightRange);
 }
 
+// Whether each thread runs groups of its own; fewer groups than threads run one after another, each
+// by all threads.
+bool shares_groups(const ConvLayer& layer, std::size_t threads) {
+  return threads > 1 && layer.operators.size() >= threads;
+}
+
 // Makes the operators, once; there are none when the library or the weights are not there, or the
 // library refuses one.
 void prepare_operators(ConvLayer& layer) {
@@ -147,8 +154,9 @@ void prepare_operators(ConvLayer& layer) {
     }
     layer.operators = std::move(operators);
   }
-  const auto threads = static_cast<std::int32_t>(kernels::blas_threads());
-  for (const auto& op : layer.operators) library->set_threads(op.get(), threads);
+  const std::size_t threads = layer.workspace->workers().threads();
+  const auto each = static_cast<std::int32_t>(shares_groups(layer, threads) ? 1 : threads);
+  for (const auto& op : layer.operators) library->set_threads(op.get(), each);
 }
 
 // Moves images of `computed` floats that lie one after another to places `image` floats apart, and
@@ -182,6 +190,25 @@ bool run_operator(const ConvLayer& layer, const kernels::ConvSizes& s, std::size
   return true;
 }
 
+// All groups: false when an operator refuses; those after it may then not have run.
+bool run_operators(const ConvLayer& layer, const kernels::ConvSizes& s, const float* slices,
+                   float* staging, std::size_t group_stride) {
+  const std::size_t groups = layer.operators.size();
+  const std::size_t slice = s.batch * s.height * s.width * s.group_channels;
+  std::atomic<bool> refused = false;
+  const auto run_group = [&](std::size_t g, std::size_t) {
+    if (refused) return;
+    if (!run_operator(layer, s, g, slices + g * slice, staging + g * group_stride)) refused = true;
+  };
+  kernels::Workers& workers = layer.workspace->workers();
+  if (shares_groups(layer, workers.threads())) {
+    workers.run(groups, run_group);
+  } else {
+    for (std::size_t g = 0; g < groups; ++g) run_group(g, 0);
+  }
+  return !refused;
+}
+
 void forward_fixed_point(ConvLayer& layer) {
   if (layer.operators.empty()) {
     std::fputs("fixpointconvop_ not initialized yet\n", stderr);
@@ -193,24 +220,20 @@ void forward_fixed_point(ConvLayer& layer) {
   const auto s = conv_sizes(layer, input, output);
   const std::size_t groups = layer.operators.size();
   if (fixed_point_scratch_floats(s, output) > layer.workspace->size()) return;
+  if (groups == 1) {
+    run_operator(layer, s, 0, input.data, output.data);
+    return;
+  }
   const std::size_t pixels = s.batch * s.height * s.width;
-  const float* slices = input.data;
-  float* staging = output.data;
-  if (groups > 1) {
-    kernels::split_channels(input.data, pixels, s.channels, groups, s.group_channels,
-                            layer.workspace->scratch());
-    slices = layer.workspace->scratch();
-    staging = layer.workspace->scratch() + pixels * s.group_channels * groups;
-  }
+  kernels::Workers& workers = layer.workspace->workers();
+  float* slices = layer.workspace->scratch();
+  float* staging = slices + pixels * s.group_channels * groups;
   const std::size_t group_stride = output.count / groups;
-  for (std::size_t g = 0; g < groups; ++g) {
-    const float* slice = slices + g * pixels * s.group_channels;
-    if (!run_operator(layer, s, g, slice, staging + g * group_stride)) return;
-  }
-  if (groups > 1) {
-    kernels::interleave_channels(staging, group_stride, s.batch * s.out_image / s.out_channels,
-                                 groups, s.kernels, output.data);
-  }
+  kernels::split_channels(input.data, pixels, s.channels, groups, s.group_channels, slices,
+                          workers);
+  if (!run_operators(layer, s, slices, staging, group_stride)) return;
+  kernels::interleave_channels(staging, group_stride, s.batch * s.out_image / s.out_channels,
+                               groups, s.kernels, output.data, workers);
 }
 
 }  // namespace

@@ -89,8 +89,8 @@ void prepare_operator(FullyConnectLayer& layer) {
     }
     layer.fixed_point = std::move(made);
   }
-  const auto threads = static_cast<std::int32_t>(kernels::blas_threads());
-  library->set_threads(layer.fixed_point.get(), threads);
+  library->set_threads(layer.fixed_point.get(),
+                       static_cast<std::int32_t>(layer.workspace->workers().threads()));
 }
 
 // The operator keeps its own weights, yet it runs only while the layer's stand as it was given

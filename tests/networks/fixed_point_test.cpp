@@ -110,6 +110,24 @@ TEST(FixedPointConvolution, FollowsShapeChanges) {
   }
 }
 
+// More groups than threads: each thread runs some of them. Fewer: each group is run by all.
+TEST(FixedPointConvolution, GroupsGiveTheSameBitsWhicheverThreadsRunThem) {
+  Draw draw;
+  for (unsigned i = 0; i < 40; ++i) {
+    RandomConv rig(draw, 10 * i + 3);
+    rig.workspace.fixed_point = library();
+    std::vector<float> expected;
+    for (const std::size_t threads : {1U, 2U, 3U, 5U}) {
+      rig.workspace.workers().set_threads(threads);
+      rig.set_up(/*mode=*/3);
+      ASSERT_FALSE(rig.conv.operators.empty());
+      const auto values = rig.run(/*mode=*/3);
+      if (expected.empty()) expected = values;
+      EXPECT_EQ(values, expected) << "case " << i << ", " << threads << " threads";
+    }
+  }
+}
+
 TEST(FixedPointFullyConnected, StaysWithinTwoPercentOfSinglePrecision) {
   Draw draw;
   for (unsigned i = 0; i < 120; ++i) {
