@@ -10,6 +10,8 @@
 #include <hwy/foreach_target.h>
 #include <hwy/highway.h>
 
+#include "kernels/element_steps-inl.h"
+
 HWY_BEFORE_NAMESPACE();
 namespace ravu::kernels::HWY_NAMESPACE {
 namespace {
@@ -37,6 +39,7 @@ struct Strip {
   std::ptrdiff_t first_tap;  // of the first pixel, counted from the image; outside it in padding
   float* output;
   Taps rows, columns;
+  const ElementSteps* steps;
 };
 
 template <std::size_t kPixels, std::size_t kWide, class D>
@@ -69,9 +72,13 @@ void convolve_strip(D d, const ConvSizes& s, const Strip& strip, const float* we
 #pragma GCC unroll 2
   for (std::size_t v = 0; v < kWide; ++v) {
     const auto shift = bias == nullptr ? hn::Zero(d) : hn::LoadU(d, bias + c + v * lanes);
+    hn::Vec<D> results[kPixels];
+#pragma GCC unroll 4
+    for (std::size_t p = 0; p < kPixels; ++p) results[p] = hn::Add(sums[p][v], shift);
+    apply_steps<Lie::kSameChannels>(d, *strip.steps, c + v * lanes, results);
 #pragma GCC unroll 4
     for (std::size_t p = 0; p < kPixels; ++p) {
-      hn::StoreU(hn::Add(sums[p][v], shift), d, strip.output + p * s.out_channels + c + v * lanes);
+      hn::StoreU(results[p], d, strip.output + p * s.out_channels + c + v * lanes);
     }
   }
 }
@@ -94,9 +101,9 @@ void convolve_channels(const ConvSizes& s, const Strip& strip, const float* weig
 
 // Output row `row` of an image.
 void depthwise_row(const ConvSizes& s, const float* image, const float* weights, const float* bias,
-                   std::size_t row, float* output) {
+                   const ElementSteps& steps, std::size_t row, float* output) {
   const std::size_t y = s.shift_h + row * s.stride_h;
-  Strip strip{image, 0, output, taps_inside(y, s.pad_h, s.height, s.kernel_h), {0, 0}};
+  Strip strip{image, 0, output, taps_inside(y, s.pad_h, s.height, s.kernel_h), {0, 0}, &steps};
   const auto width = static_cast<std::ptrdiff_t>(s.width);
   const auto channels = static_cast<std::ptrdiff_t>(s.channels);
   for (std::size_t column = 0; column < s.columns;) {
@@ -133,12 +140,13 @@ HWY_EXPORT(depthwise_row);
 }  // namespace
 
 void convolve_depthwise(const ConvSizes& s, const float* input, const float* weights,
-                        const float* bias, float* output, Workers& workers) {
+                        const float* bias, const ElementSteps& steps, float* output,
+                        Workers& workers) {
   const auto row_function = HWY_DYNAMIC_DISPATCH(depthwise_row);
   workers.run(s.batch * s.rows, [&](std::size_t index, std::size_t) {
     const std::size_t image = index / s.rows;
     const std::size_t row = index % s.rows;
-    row_function(s, input + image * s.height * s.width * s.channels, weights, bias, row,
+    row_function(s, input + image * s.height * s.width * s.channels, weights, bias, steps, row,
                  output + image * s.out_image + row * s.columns * s.out_channels);
   });
 }
