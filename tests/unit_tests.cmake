@@ -29,6 +29,7 @@ add_executable(ravu_tests
   kernels/normalize_test.cpp
   kernels/permute_test.cpp
   kernels/pooling_test.cpp
+  kernels/transpose_test.cpp
   kernels/workers_test.cpp
   layers/BatchNormLayer_test.cpp
   layers/ConcatLayer_test.cpp

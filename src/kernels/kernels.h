@@ -56,6 +56,10 @@ struct AxisOrder {
 // Moves one image. Input and output are different arrays.
 void permute(const AxisOrder& axes, const float* input, float* output);
 
+// output[c][r] = input[r][c]. Input and output are different arrays.
+void transpose(const float* input, std::size_t rows, std::size_t columns, float* output,
+               Workers& workers);
+
 struct PoolingSizes {
   std::size_t batch, height, width, channels;
   std::size_t out_height, out_width;
