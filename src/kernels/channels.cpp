@@ -8,32 +8,36 @@
 namespace ravu::kernels {
 namespace {
 
-// As many floats as a cache line holds. Pixels often lie a power of two apart, where few lines fit
-// the cache at a time.
-constexpr std::size_t kBlockPixels = 16;
+// Pixels and groups of a block: as many floats as a cache line holds. Pixels often lie a power of
+// two apart, where few lines fit the cache at a time, so a block is done pixel by pixel.
+constexpr std::size_t kBlock = 16;
 
 // Pixels that one thread takes at a time.
-constexpr std::size_t kRunPixels = 16 * kBlockPixels;
+constexpr std::size_t kRunPixels = 16 * kBlock;
 
 // How far the next pixel and the next group are.
 struct Place {
   std::size_t pixel, group;
 };
 
-// Copies `run` floats for each of the pixels [first, last) of each group, block by block.
-void copy_block(const float* from, Place source, float* to, Place target, std::size_t first,
-                std::size_t last, std::size_t groups, std::size_t run) {
-  for (std::size_t start = first; start < last; start += kBlockPixels) {
-    const std::size_t end = std::min(start + kBlockPixels, last);
-    for (std::size_t g = 0; g < groups; ++g) {
-      const float* read = from + g * source.group;
-      float* write = to + g * target.group;
-      if (run == 1) {  // a call for each float would take longer than the copy
-        for (std::size_t p = start; p < end; ++p) write[p * target.pixel] = read[p * source.pixel];
-      } else {
-        for (std::size_t p = start; p < end; ++p) {
-          std::copy_n(read + p * source.pixel, run, write + p * target.pixel);
-        }
+// Copies `run` floats for each of the pixels [first, last) of each group.
+void copy_blocks(const float* from, Place source, float* to, Place target, std::size_t first,
+                 std::size_t last, std::size_t groups, std::size_t run) {
+  const auto copy_pixel = [=](std::size_t p, std::size_t group, std::size_t end) {
+    const float* read = from + p * source.pixel;
+    float* write = to + p * target.pixel;
+    if (run == 1) {  // a call for each float would take longer than the copy
+      for (std::size_t g = group; g < end; ++g) write[g * target.group] = read[g * source.group];
+    } else {
+      for (std::size_t g = group; g < end; ++g) {
+        std::copy_n(read + g * source.group, run, write + g * target.group);
+      }
+    }
+  };
+  for (std::size_t start = first; start < last; start += kBlock) {
+    for (std::size_t group = 0; group < groups; group += kBlock) {
+      for (std::size_t p = start; p < std::min(start + kBlock, last); ++p) {
+        copy_pixel(p, group, std::min(group + kBlock, groups));
       }
     }
   }
@@ -43,7 +47,7 @@ void copy_runs(const float* from, Place source, float* to, Place target, std::si
                std::size_t groups, std::size_t run, Workers& workers) {
   workers.run((pixels + kRunPixels - 1) / kRunPixels, [&](std::size_t i, std::size_t) {
     const std::size_t first = i * kRunPixels;
-    copy_block(from, source, to, target, first, std::min(first + kRunPixels, pixels), groups, run);
+    copy_blocks(from, source, to, target, first, std::min(first + kRunPixels, pixels), groups, run);
   });
 }
 

@@ -25,7 +25,8 @@ bool is_winograd(ConvForm form) {
 }
 
 ConvForm best_form(const ConvSizes& sizes, std::span<const ConvGroup> groups) {
-  if (!has_plain_bias(sizes, groups)) return ConvForm::kGather;
+  const bool empty = patch_floats(sizes) == 0;  // a kernel without rows, say: nothing to read
+  if (empty || !has_plain_bias(sizes, groups)) return ConvForm::kGather;
   if (is_depthwise(sizes, groups)) return ConvForm::kDepthwise;
   const WinogradSide side = winograd_side(sizes);
   if (side == WinogradSide::kFour) return ConvForm::kWinograd;

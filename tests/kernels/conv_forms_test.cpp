@@ -313,6 +313,14 @@ TEST(ConvForms, ABiasOfAnotherLengthIsGathered) {
       << where;
 }
 
+TEST(ConvForms, EmptyKernelsAreGatheredAndLeaveTheBias) {
+  Layer layer({1, 1, 5, 4, 1, 3, 1, 1, 0});
+  layer.sizes.kernel_h = 0;
+  layer.sizes.pad_h = 1;  // or the patches would be read in place
+  const auto output = layer.run(plan_for(layer, ConvForm::kGather), 1);
+  for (std::size_t i = 0; i < output.size(); ++i) EXPECT_EQ(output[i], layer.bias[0][i % 3]) << i;
+}
+
 TEST(ConvForms, SizesThatWereNotPreparedForAreGathered) {
   const Layer layer({1, 9, 9, 4, 1, 6, 3, 1, 1});
   const kernels::ConvPlan plan = plan_for(layer, ConvForm::kDirect);
