@@ -11,6 +11,7 @@
 #include "classify.h"
 #include "common/model_card.h"
 #include "detect.h"
+#include "devices.h"
 #include "inspect.h"
 #include "quantise.h"
 
@@ -22,6 +23,7 @@ std::string to_json(const ModelSummary& summary);
 std::string to_json(const TagNode& root);
 std::string to_json(const BenchReport& report);
 std::string to_json(const QuantiseReport& report);
+std::string to_json(const DevicesReport& report);
 
 // None for text that is no JSON object.
 std::optional<ModelCard> card_from_json(const std::string& text);

@@ -4,6 +4,7 @@
 //   ravu detect MODEL IMAGE...     finds objects in images
 //   ravu inspect MODEL             shows what a model file holds
 //   ravu bench MODEL               measures how fast a model runs
+//   ravu devices                   shows what each run mode would use on this machine
 //   ravu quantise MODEL OUT        stores a model's large tensors in 8 bits
 //   ravu convert SOURCE            makes a model of an ONNX or Caffe network (in Python)
 //   ravu verify MODEL              repeats the check of a converted model (in Python)
@@ -20,6 +21,7 @@
 #include "bench.h"
 #include "classify.h"
 #include "detect.h"
+#include "devices.h"
 #include "inspect.h"
 #include "python_command.h"
 #include "quantise.h"
@@ -151,6 +153,15 @@ void add_bench(CLI::App& app, BenchOptions& options) {
       "fully connected layers. The input holds seeded values.");
 }
 
+void add_devices(CLI::App& app, DevicesOptions& options) {
+  CLI::App& command =
+      *app.add_subcommand("devices", "Show what each run mode would use on this machine");
+  add_json(command, options.json);
+  command.footer(
+      "Looks for the libraries and devices as a set-up does and says why those that are not used\n"
+      "are passed over. What is missing is no failure: the exit code is 0.");
+}
+
 void add_quantise(CLI::App& app, QuantiseOptions& options) {
   CLI::App& command = *app.add_subcommand("quantise", "Store a model's large tensors in 8 bits");
   add_model(command, options.model);
@@ -188,11 +199,13 @@ int main(int argc, char** argv) {
   DetectOptions detect;
   InspectOptions inspect;
   BenchOptions bench;
+  DevicesOptions devices;
   QuantiseOptions quantise;
   add_classify(app, classify);
   add_detect(app, detect);
   add_inspect(app, inspect);
   add_bench(app, bench);
+  add_devices(app, devices);
   add_quantise(app, quantise);
   add_python_command(app, "convert", "Make a model of an ONNX or Caffe network");
   add_python_command(app, "verify", "Repeat the check of a converted model");
@@ -215,6 +228,7 @@ int main(int argc, char** argv) {
     }
     if (app.got_subcommand("inspect")) run_inspect(inspect);
     if (app.got_subcommand("bench")) run_bench(bench);
+    if (app.got_subcommand("devices")) run_devices(devices);
     if (app.got_subcommand("quantise")) return run_quantise(quantise) ? 0 : kFailed;
   } catch (const std::bad_alloc&) {
     std::fputs("ravu: out of memory\n", stderr);

@@ -13,6 +13,9 @@ namespace ravu::kernels {
 
 class Workers;
 
+// The instruction set that the vector kernels use on this processor: "AVX2".
+const char* instruction_set();
+
 // output[i] = input[i] * slope where that is greater than input[i], else input[i]; i < n.
 void relu(const float* input, float* output, std::size_t n, float slope);
 

@@ -23,7 +23,7 @@ void expect_failure(const Outcome& outcome, const std::string& line) {
 TEST(Program, HelpGoesToStandardOutput) {
   const Outcome outcome = run_ravu({"--help"});
   EXPECT_EQ(outcome.code, 0);
-  for (const char* name : {"classify", "detect", "inspect", "bench", "quantise"}) {
+  for (const char* name : {"classify", "detect", "inspect", "bench", "devices", "quantise"}) {
     EXPECT_THAT(outcome.out, HasSubstr(name));
     EXPECT_EQ(run_ravu({name, "--help"}).code, 0);
   }
@@ -45,6 +45,7 @@ TEST(Program, MisuseEndsWithTwoAndAMessage) {
                                                       {"detect", "m", "i", "--threshold", "1.5"},
                                                       {"detect", "m", "i", "--threshold", "x"},
                                                       {"detect", "m", "i", "--mode", "1"},
+                                                      {"devices", "more"},
                                                       {"quantise", "m"},
                                                       {"quantise", "m", "o", "more"},
                                                       {"quantise", "m", "o", "--max-error", "-1"},
