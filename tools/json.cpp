@@ -264,4 +264,34 @@ std::string to_json(const DevicesReport& report) {
                     {"devices", std::move(devices)}}}});
 }
 
+std::string to_json(const DiffReport& report) {
+  Json layers = Json::array();
+  for (const LayerDifference& layer : report.layers) {
+    Json entry = {{"index", layer.index},
+                  {"class", layer.class_name},
+                  {"output", layer.output},
+                  {"shape", layer.shape}};
+    if (layer.problem.empty()) {
+      entry["error"] = layer.error;
+      entry["range"] = layer.range;
+      entry["relative"] = layer.relative();
+      entry["above"] = layer.above;
+    } else {
+      entry["problem"] = layer.problem;
+    }
+    layers.push_back(std::move(entry));
+  }
+  Json first = Json();
+  if (report.first_above) first = layers[*report.first_above];
+  return text_of({{"first", {{"model", report.first.model}, {"mode", report.first.mode}}},
+                  {"second", {{"model", report.second.model}, {"mode", report.second.mode}}},
+                  {"image", text_or_null(report.image)},
+                  {"tolerance", report.tolerance},
+                  {"same", !report.first_above.has_value()},
+                  {"first_above", std::move(first)},
+                  {"layers", std::move(layers)},
+                  {"only_in_first", report.only_in_first},
+                  {"only_in_second", report.only_in_second}});
+}
+
 }  // namespace ravu::tools
