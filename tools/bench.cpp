@@ -57,11 +57,7 @@ class Reference {
 // What forward_cpu does, with the time that each layer took. The mean is subtracted in the input,
 // so every pass needs the input anew.
 void run_layers(Network& network, std::uint32_t mode, std::vector<std::vector<double>>& seconds) {
-  Blob& input = *network.input;
-  const Blob* mean = network.mean.get();
-  if (mean != nullptr && mean->data != nullptr && input.data != nullptr && network.preprocess) {
-    subtract_repeated(input.data, input.data, mean->data, -1.0F, input.count, mean->count);
-  }
+  subtract_mean(network);
   for (std::size_t i = 0; i < network.layers.size(); ++i) {
     seconds[i].push_back(seconds_of([&] { forward_layer(*network.layers[i], mode); }));
   }

@@ -80,6 +80,29 @@ std::vector<std::pair<std::string, std::string>> card_lines(const Json& json) {
   return lines;
 }
 
+const char* name_of(GpuCandidate::State state) {
+  if (state == GpuCandidate::State::kUsed) return "used";
+  return state == GpuCandidate::State::kPassedOver ? "not used" : "not tried";
+}
+
+// A text that is null where there is nothing to say.
+Json text_or_null(const std::string& text) {
+  return text.empty() ? Json() : Json(text);
+}
+
+Json json_of(const OpenClDevice& device) {
+  return {{"name", device.name},
+          {"kind", device.kind},
+          {"vendor", device.vendor},
+          {"version", device.version},
+          {"driver", device.driver},
+          {"platform", device.platform},
+          {"compute_units", device.compute_units},
+          {"memory_bytes", device.memory},
+          {"refused", text_or_null(device.refused)},
+          {"used", device.chosen}};
+}
+
 }  // namespace
 
 std::optional<ModelCard> card_from_json(const std::string& text) {
@@ -228,6 +251,62 @@ std::string to_json(const QuantiseReport& report) {
                   {"dropped_records", report.dropped_records},
                   {"bytes_before", report.bytes_before},
                   {"bytes_after", report.bytes_after}});
+}
+
+std::string to_json(const DevicesReport& report) {
+  Json libraries = Json::array();
+  for (const GpuCandidate& candidate : report.gpu_candidates) {
+    libraries.push_back({{"file", candidate.file},
+                         {"state", name_of(candidate.state)},
+                         {"found", text_or_null(candidate.found)},
+                         {"reason", text_or_null(candidate.reason)}});
+  }
+  Json devices = Json::array();
+  for (const OpenClDevice& device : report.gpu_devices) devices.push_back(json_of(device));
+  return text_of({{"processor",
+                   {{"threads", report.threads},
+                    {"instruction_set", report.instruction_set},
+                    {"blas", report.blas},
+                    {"blas_kernel", report.blas_kernel}}},
+                  {"fixed_point",
+                   {{"ready", report.fixed_point_problem.empty()},
+                    {"library", text_or_null(report.fixed_point_file)},
+                    {"problem", text_or_null(report.fixed_point_problem)}}},
+                  {"gpu",
+                   {{"ready", report.gpu_problem.empty()},
+                    {"problem", text_or_null(report.gpu_problem)},
+                    {"libraries", std::move(libraries)},
+                    {"devices", std::move(devices)}}}});
+}
+
+std::string to_json(const DiffReport& report) {
+  Json layers = Json::array();
+  for (const LayerDifference& layer : report.layers) {
+    Json entry = {{"index", layer.index},
+                  {"class", layer.class_name},
+                  {"output", layer.output},
+                  {"shape", layer.shape}};
+    if (layer.problem.empty()) {
+      entry["error"] = layer.error;
+      entry["range"] = layer.range;
+      entry["relative"] = layer.relative();
+      entry["above"] = layer.above;
+    } else {
+      entry["problem"] = layer.problem;
+    }
+    layers.push_back(std::move(entry));
+  }
+  Json first = Json();
+  if (report.first_above) first = layers[*report.first_above];
+  return text_of({{"first", {{"model", report.first.model}, {"mode", report.first.mode}}},
+                  {"second", {{"model", report.second.model}, {"mode", report.second.mode}}},
+                  {"image", text_or_null(report.image)},
+                  {"tolerance", report.tolerance},
+                  {"same", !report.first_above.has_value()},
+                  {"first_above", std::move(first)},
+                  {"layers", std::move(layers)},
+                  {"only_in_first", report.only_in_first},
+                  {"only_in_second", report.only_in_second}});
 }
 
 }  // namespace ravu::tools

@@ -11,6 +11,8 @@
 #include "classify.h"
 #include "common/model_card.h"
 #include "detect.h"
+#include "devices.h"
+#include "diff.h"
 #include "inspect.h"
 #include "quantise.h"
 
@@ -23,6 +25,8 @@ std::string to_json(const TagNode& root);
 std::string to_json(const BenchReport& report);
 std::string to_json(const LoadReport& report);
 std::string to_json(const QuantiseReport& report);
+std::string to_json(const DevicesReport& report);
+std::string to_json(const DiffReport& report);
 
 // None for text that is no JSON object.
 std::optional<ModelCard> card_from_json(const std::string& text);

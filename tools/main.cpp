@@ -4,6 +4,8 @@
 //   ravu detect MODEL IMAGE...     finds objects in images
 //   ravu inspect MODEL             shows what a model file holds
 //   ravu bench MODEL               measures how fast a model runs
+//   ravu devices                   shows what each run mode would use on this machine
+//   ravu diff MODEL                shows layer by layer where two run modes or two models part
 //   ravu quantise MODEL OUT        stores a model's large tensors in 8 bits
 //   ravu convert SOURCE            makes a model of an ONNX or Caffe network (in Python)
 //   ravu verify MODEL              repeats the check of a converted model (in Python)
@@ -13,13 +15,17 @@
 // includes CLI11, which is slow to compile.
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <new>
+#include <string_view>
 
 #include "bench.h"
 #include "classify.h"
 #include "detect.h"
+#include "devices.h"
+#include "diff.h"
 #include "inspect.h"
 #include "python_command.h"
 #include "quantise.h"
@@ -37,13 +43,15 @@ void add_model(CLI::App& command, std::string& model) {
   command.add_option("MODEL", model, "Model file")->required();
 }
 
-void add_mode_and_threads(CLI::App& command, std::uint32_t& mode, std::uint32_t& threads) {
-  command
-      .add_option("--mode", mode,
-                  "Run mode: 0 processor, 2 GPU, 3 processor with 8-bit kernels, 4 GPU keeping the "
-                  "weights in memory")
-      ->check(CLI::IsMember({0U, 2U, 3U, 4U}))
-      ->capture_default_str();
+constexpr const char* kModes =
+    "Run mode: 0 processor, 2 GPU, 3 processor with 8-bit kernels, 4 GPU keeping the weights in "
+    "memory";
+
+CLI::IsMember is_mode() {
+  return CLI::IsMember({0U, 2U, 3U, 4U});
+}
+
+void add_threads(CLI::App& command, std::uint32_t& threads) {
   command
       .add_option("--threads", threads,
                   "Threads of the BLAS library and of the engine (default: the BLAS library's own, "
@@ -51,22 +59,33 @@ void add_mode_and_threads(CLI::App& command, std::uint32_t& mode, std::uint32_t&
       ->check(CLI::Range(1U, kMostThreads));
 }
 
-// What the subcommands for image files share.
-void add_pictures(CLI::App& command, PictureOptions& options) {
-  command.add_option("IMAGE", options.images, "JPEG or PNG files; they run one after another")
-      ->required();
+void add_mode_and_threads(CLI::App& command, std::uint32_t& mode, std::uint32_t& threads) {
+  command.add_option("--mode", mode, kModes)->check(is_mode())->capture_default_str();
+  add_threads(command, threads);
+}
+
+// How pictures become inputs.
+void add_picture_input(CLI::App& command, PictureInput& input, bool& channel_mean) {
   const std::map<std::string, Framing> framings{
       {"squash", Framing::kSquash}, {"crop", Framing::kCrop}, {"letterbox", Framing::kLetterbox}};
   command
       .add_option(
-          "--fit", options.input.framing,
+          "--fit", input.framing,
           "How an image fills the network's input: squash it, crop its centre, or letterbox "
           "it with grey borders (default: squash)")
       ->transform(CLI::CheckedTransformer(framings))
+      ->each([&](const std::string&) { input.framing_given = true; })
       ->option_text("squash|crop|letterbox");
-  command.add_flag("--bgr", options.input.bgr, "Feed the channels in the order blue, green, red");
-  command.add_flag("--channel-mean", options.channel_mean,
+  command.add_flag("--bgr", input.bgr, "Feed the channels in the order blue, green, red");
+  command.add_flag("--channel-mean", channel_mean,
                    "Replace the model's mean image by its average per channel");
+}
+
+// What the subcommands for image files share.
+void add_pictures(CLI::App& command, PictureOptions& options) {
+  command.add_option("IMAGE", options.images, "JPEG or PNG files; they run one after another")
+      ->required();
+  add_picture_input(command, options.input, options.channel_mean);
 }
 
 void add_json(CLI::App& command, bool& json) {
@@ -159,6 +178,47 @@ void add_bench(CLI::App& app, BenchOptions& options) {
       "multiply less often than is counted.");
 }
 
+void add_devices(CLI::App& app, DevicesOptions& options) {
+  CLI::App& command =
+      *app.add_subcommand("devices", "Show what each run mode would use on this machine");
+  add_json(command, options.json);
+  command.footer(
+      "Looks for the libraries and devices as a set-up does and says why those that are not used\n"
+      "are passed over. What is missing is no failure: the exit code is 0.");
+}
+
+void add_diff(CLI::App& app, DiffOptions& options) {
+  CLI::App& command =
+      *app.add_subcommand("diff", "Show layer by layer where two run modes or two models part");
+  command
+      .add_option("FILE", options.files,
+                  "One model or two, then perhaps an image (JPEG or PNG); without one, the input "
+                  "holds seeded values")
+      ->required()
+      ->expected(1, 3)
+      ->option_text("MODEL [MODEL] [IMAGE]");
+  command.add_option("--mode", options.modes, std::string(kModes) + ". Twice for one model")
+      ->check(is_mode())
+      ->allow_extra_args(false);
+  command
+      .add_option("--tolerance", options.tolerance,
+                  "Greatest error of a layer, in parts of the range of its values")
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str();
+  add_picture_input(command, options.input, options.channel_mean);
+  add_threads(command, options.threads);
+  add_json(command, options.json);
+  command.footer(
+      "  ravu diff MODEL [IMAGE] --mode A --mode B   one model in two run modes\n"
+      "  ravu diff MODEL MODEL [IMAGE] [--mode A]    two models; layers are matched by the names\n"
+      "                                              of their outputs\n"
+      "  ravu diff MODEL SRC ...                     a converted model and its ONNX or Caffe\n"
+      "                                              source (in Python; see ravu diff x.onnx -h)\n"
+      "The exit code is 1 when a layer is above the tolerance. A layer's error contains those of\n"
+      "the layers before it, so the first one above is where to look. On a GPU each layer is run\n"
+      "at the end of a network of its own, which takes a set-up for each.");
+}
+
 void add_quantise(CLI::App& app, QuantiseOptions& options) {
   CLI::App& command = *app.add_subcommand("quantise", "Store a model's large tensors in 8 bits");
   add_model(command, options.model);
@@ -180,6 +240,12 @@ void add_quantise(CLI::App& app, QuantiseOptions& options) {
       "If an error is above the limit nothing is written and the exit code is 1.");
 }
 
+// Whether `ravu diff` has to do with the source of a model.
+bool is_diff_with_source(int argc, char** argv) {
+  return argc > 1 && std::string_view(argv[1]) == "diff" &&
+         std::any_of(argv + 2, argv + argc, is_conversion_source);
+}
+
 // All arguments are passed on, --help included.
 void add_python_command(CLI::App& app, const char* name, const char* description) {
   app.add_subcommand(name, description)->prefix_command()->set_help_flag();
@@ -196,33 +262,45 @@ int main(int argc, char** argv) {
   DetectOptions detect;
   InspectOptions inspect;
   BenchOptions bench;
+  DevicesOptions devices;
+  DiffOptions diff;
   QuantiseOptions quantise;
+  std::vector<const char*> python_commands{"convert", "verify"};
   add_classify(app, classify);
   add_detect(app, detect);
   add_inspect(app, inspect);
   add_bench(app, bench);
+  add_devices(app, devices);
+  if (is_diff_with_source(argc, argv)) {
+    python_commands.emplace_back("diff");
+    add_python_command(app, "diff", "Compare a converted model with its source");
+  } else {
+    add_diff(app, diff);
+  }
   add_quantise(app, quantise);
   add_python_command(app, "convert", "Make a model of an ONNX or Caffe network");
   add_python_command(app, "verify", "Repeat the check of a converted model");
   try {
     app.parse(argc, argv);
-    classify.input.framing_given = app.get_subcommand("classify")->count("--fit") > 0;
-    detect.input.framing_given = app.get_subcommand("detect")->count("--fit") > 0;
     if (bench.layers && bench.mode != 0 && bench.mode != 3) {
       throw CLI::ValidationError("--layers", "needs run mode 0 or 3");
     }
+    const std::string misuse = diff.files.empty() ? "" : misuse_of(diff);
+    if (!misuse.empty()) throw CLI::ValidationError("diff", misuse);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : kMisused;
   }
   try {
     if (app.got_subcommand("classify")) return run_classify(classify) ? 0 : kFailed;
     if (app.got_subcommand("detect")) return run_detect(detect) ? 0 : kFailed;
-    for (const char* name : {"convert", "verify"}) {
+    for (const char* name : python_commands) {
       if (!app.got_subcommand(name)) continue;
       return run_python_command(name, app.get_subcommand(name)->remaining());
     }
     if (app.got_subcommand("inspect")) run_inspect(inspect);
     if (app.got_subcommand("bench")) bench.load ? run_load_bench(bench) : run_bench(bench);
+    if (app.got_subcommand("devices")) run_devices(devices);
+    if (app.got_subcommand("diff")) return run_diff(diff) ? 0 : kFailed;
     if (app.got_subcommand("quantise")) return run_quantise(quantise) ? 0 : kFailed;
   } catch (const std::bad_alloc&) {
     std::fputs("ravu: out of memory\n", stderr);

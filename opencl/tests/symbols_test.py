@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""The functions that the built provider exports, its export map and the interface's header agree.
+"""The functions that the built provider exports, its export map and the interface's headers agree.
 
-usage: symbols_test.py LIBRARY EXPORT_MAP HEADER
+usage: symbols_test.py LIBRARY EXPORT_MAP HEADER...
 """
 
 import re
@@ -11,14 +11,15 @@ from pathlib import Path
 
 
 def main():
-    library, export_map, header = sys.argv[1:]
+    library, export_map, *headers = sys.argv[1:]
     listing = subprocess.run(["nm", "-D", "--defined-only", library], check=True,
                              capture_output=True, text=True).stdout
     exported = {line.split()[-1] for line in listing.splitlines()}
     exported = {name for name in exported if not name.startswith("__")}  # of sanitizers
-    mapped = set(re.findall(r"^\s*(cldnn_\w+);", Path(export_map).read_text(), re.MULTILINE))
-    declared = set(re.findall(r"CLDNN_API[^;]*?(cldnn_\w+)\(", Path(header).read_text()))
-    for name, functions in [("map", mapped), ("header", declared)]:
+    mapped = set(re.findall(r"^\s*(\w+);", Path(export_map).read_text(), re.MULTILINE))
+    text = "".join(Path(header).read_text() for header in headers)
+    declared = set(re.findall(r"CLDNN_API[^;]*?((?:ravu_)?cldnn_\w+)\(", text))
+    for name, functions in [("map", mapped), ("headers", declared)]:
         for function in sorted(exported ^ functions):
             print(f"{function}: in the library or in the {name}, not in both")
     # These two tell callers which version of the interface they have found.

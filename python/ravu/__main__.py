@@ -1,5 +1,5 @@
-"""The command `ravu` of an installed wheel: `convert` and `verify` are Python, all else is the
-bundled program."""
+"""The command `ravu` of an installed wheel: `convert` and `verify` are Python, and so is `diff` of a
+model and its source; all else is the bundled program."""
 
 from __future__ import annotations
 
@@ -10,9 +10,17 @@ import sys
 from pathlib import Path
 
 
+_MODULES = {
+    "convert": "ravu.convert.__main__",
+    "verify": "ravu.convert.check",
+    "diff": "ravu.convert.diff",
+}
+_SOURCES = (".onnx", ".prototxt")
+
+
 def main() -> int:
     """Run one subcommand; the exit status is the process's."""
-    if sys.argv[1:2] in (["convert"], ["verify"]):
+    if _is_python(sys.argv[1:]):
         return _run_python(sys.argv[1], sys.argv[2:])
     program = Path(__file__).with_name("ravu.exe" if os.name == "nt" else "ravu")
     if not program.is_file():
@@ -23,10 +31,15 @@ def main() -> int:
     os.execv(program, ["ravu", *sys.argv[1:]])
 
 
+def _is_python(arguments: list[str]) -> bool:
+    if arguments[:1] == ["diff"]:
+        return any(argument.endswith(_SOURCES) for argument in arguments[1:])
+    return arguments[:1] in (["convert"], ["verify"])
+
+
 def _run_python(name: str, arguments: list[str]) -> int:
-    module = "ravu.convert.__main__" if name == "convert" else "ravu.convert.check"
     try:
-        command = importlib.import_module(module).main
+        command = importlib.import_module(_MODULES[name]).main
     except ImportError as error:
         print(
             f"ravu {name}: {error}; install what it needs: python3 -m pip install 'ravu[convert]'",

@@ -47,12 +47,16 @@ void forward_layer(BaseLayer& layer, std::uint32_t mode) {
   if (!std::exchange(layer.done_by_producer, false)) layer.Forward(mode);
 }
 
-void forward_cpu(Network& network, std::uint32_t mode) {
+void subtract_mean(Network& network) {
   Blob& input = *network.input;
   const Blob* mean = network.mean.get();
   if (mean != nullptr && mean->data != nullptr && input.data != nullptr && network.preprocess) {
     subtract_repeated(input.data, input.data, mean->data, -1.0F, input.count, mean->count);
   }
+}
+
+void forward_cpu(Network& network, std::uint32_t mode) {
+  subtract_mean(network);
   for (const auto& layer : network.layers) forward_layer(*layer, mode);
 }
 

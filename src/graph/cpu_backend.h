@@ -15,6 +15,10 @@ bool setup_cpu(Network& network, std::uint32_t mode);
 // Runs one layer of a pass, unless the layer before has done its work.
 void forward_layer(BaseLayer& layer, std::uint32_t mode);
 
+// What a forward run begins with: subtracts the mean from the input, in place, where the model asks
+// for it.
+void subtract_mean(Network& network);
+
 // Subtracts the mean from the input, in place, then runs every layer in order. Without new input a
 // second pass subtracts the mean again.
 void forward_cpu(Network& network, std::uint32_t mode);

@@ -55,16 +55,16 @@ void* DynamicLibrary::symbol(const char* name) const {
   return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(handle_), name));
 }
 
-std::string own_folder() {
+std::string file_that_holds(const void* address) {
   HMODULE module = nullptr;
   if (!GetModuleHandleExA(
           GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-          &kAddressHere, &module)) {
+          static_cast<const char*>(address), &module)) {
     return {};
   }
   char path[MAX_PATH];
   const DWORD length = GetModuleFileNameA(module, path, MAX_PATH);
-  return folder_of(std::string(path, length < MAX_PATH ? length : 0));
+  return std::string(path, length < MAX_PATH ? length : 0);
 }
 
 #else
@@ -88,12 +88,16 @@ void* DynamicLibrary::symbol(const char* name) const {
   return handle_ == nullptr ? nullptr : dlsym(handle_, name);
 }
 
-std::string own_folder() {
+std::string file_that_holds(const void* address) {
   Dl_info info{};
-  if (dladdr(&kAddressHere, &info) == 0 || info.dli_fname == nullptr) return {};
-  return folder_of(info.dli_fname);
+  if (dladdr(address, &info) == 0 || info.dli_fname == nullptr) return {};
+  return info.dli_fname;
 }
 
 #endif
+
+std::string own_folder() {
+  return folder_of(file_that_holds(&kAddressHere));
+}
 
 }  // namespace ravu

@@ -40,6 +40,9 @@ class DynamicLibrary {
   void* handle_ = nullptr;
 };
 
+// The path of the library or program that holds this address; empty when the system does not say.
+std::string file_that_holds(const void* address);
+
 // The folder of the library or program that holds the engine, with a closing separator; empty when
 // the system does not say.
 std::string own_folder();

@@ -234,6 +234,12 @@ bool setup_gpu(Network& network, bool release_weights, cldnn::LibraryPtr library
   return true;
 }
 
+std::vector<std::string> gpu_output_names(const Network& network) {
+  std::vector<std::string> names = output_names(network.gpu_handles);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
 void forward_gpu(Network& network) {
   if (!network.gpu_handles.gpu_network) return;
   hand_over_input(network);

@@ -15,6 +15,9 @@ namespace ravu::kernels {
 
 class Workers;
 
+// The instruction set that the vector kernels use on this processor: "AVX2".
+const char* instruction_set();
+
 // output[i] = input[i] * factor + addend, rounded after each of the two; i < n.
 void multiply_and_add(const float* input, float* output, std::size_t n, float factor, float addend);
 

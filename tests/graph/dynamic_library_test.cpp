@@ -46,6 +46,17 @@ TEST(DynamicLibrary, MovesItsHandle) {
   EXPECT_NE(third.function<void()>(kSystemFunction), nullptr);
 }
 
+TEST(DynamicLibrary, KnowsWhichFileAFunctionComesFrom) {
+  std::string reason;
+  const DynamicLibrary library = DynamicLibrary::open(kSystemLibrary, reason);
+  ASSERT_TRUE(library) << reason;
+  const auto function = reinterpret_cast<const void*>(library.function<void()>(kSystemFunction));
+  const std::string file = file_that_holds(function);
+  EXPECT_THAT(file, testing::HasSubstr(kSystemLibrary));
+  EXPECT_TRUE(std::filesystem::exists(file)) << file;
+  EXPECT_EQ(file_that_holds(nullptr), "");
+}
+
 TEST(DynamicLibrary, KnowsTheFolderOfTheEngine) {
   const std::string folder = own_folder();
   ASSERT_FALSE(folder.empty());

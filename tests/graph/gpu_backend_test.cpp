@@ -274,6 +274,7 @@ TEST(GpuForward, TakesTheOutputWhoseIdentifierComesFirst) {
   fake.add_output("r", layout, {1, 1, 1, 1});
   fake.add_output("a", layout, {2, 2, 2, 2});
   fake.add_output("z", layout, {3, 3, 3, 3});
+  EXPECT_EQ(gpu_output_names(*network), (std::vector<std::string>{"a", "r", "z"}));
   forward_gpu(*network);
   EXPECT_EQ(values_of(result_of(*network)), (Floats{2, 2, 2, 2}));
   EXPECT_EQ(fake.live, 3);

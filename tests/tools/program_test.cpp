@@ -23,7 +23,8 @@ void expect_failure(const Outcome& outcome, const std::string& line) {
 TEST(Program, HelpGoesToStandardOutput) {
   const Outcome outcome = run_ravu({"--help"});
   EXPECT_EQ(outcome.code, 0);
-  for (const char* name : {"classify", "detect", "inspect", "bench", "quantise"}) {
+  for (const char* name :
+       {"classify", "detect", "inspect", "bench", "devices", "diff", "quantise"}) {
     EXPECT_THAT(outcome.out, HasSubstr(name));
     EXPECT_EQ(run_ravu({name, "--help"}).code, 0);
   }
@@ -45,6 +46,7 @@ TEST(Program, MisuseEndsWithTwoAndAMessage) {
                                                       {"detect", "m", "i", "--threshold", "1.5"},
                                                       {"detect", "m", "i", "--threshold", "x"},
                                                       {"detect", "m", "i", "--mode", "1"},
+                                                      {"devices", "more"},
                                                       {"quantise", "m"},
                                                       {"quantise", "m", "o", "more"},
                                                       {"quantise", "m", "o", "--max-error", "-1"},
@@ -68,6 +70,7 @@ TEST(Program, AMissingModelIsOneLine) {
   expect_failure(run_ravu({"classify", "/no/model", "image"}), reason);
   expect_failure(run_ravu({"detect", "/no/model", "image"}), reason);
   expect_failure(run_ravu({"quantise", "/no/model", "/no/output"}), reason);
+  expect_failure(run_ravu({"diff", "/no/model", "/no/model"}), reason);
 }
 
 TEST(Program, AModelThatDoesNotLoadIsOneLineWithItsReason) {

@@ -36,6 +36,9 @@ std::vector<std::uint8_t> read_file(const std::string& path) {
   return bytes;
 }
 
+constexpr std::array<std::uint8_t, 3> kJpeg{0xFF, 0xD8, 0xFF};
+constexpr std::array<std::uint8_t, 8> kPng{0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
+
 template <std::size_t N>
 bool starts_with(std::span<const std::uint8_t> file, const std::array<std::uint8_t, N>& magic) {
   return file.size() >= N && std::equal(magic.begin(), magic.end(), file.begin());
@@ -50,9 +53,16 @@ void check_picture_size(std::uint64_t width, std::uint64_t height) {
                 std::to_string(height) + " pixels, at most 64 megapixels are read");
 }
 
+bool is_picture_file(const std::string& path) {
+  const File file(std::fopen(path.c_str(), "rb"));
+  if (!file) return false;
+  std::array<std::uint8_t, kPng.size()> start{};
+  const std::span<const std::uint8_t> got(start.data(),
+                                          std::fread(start.data(), 1, start.size(), file.get()));
+  return starts_with(got, kJpeg) || starts_with(got, kPng);
+}
+
 Picture decode_picture(std::span<const std::uint8_t> file) {
-  constexpr std::array<std::uint8_t, 3> kJpeg{0xFF, 0xD8, 0xFF};
-  constexpr std::array<std::uint8_t, 8> kPng{0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
   if (starts_with(file, kJpeg)) return decode_jpeg(file);
   if (starts_with(file, kPng)) return decode_png(file);
   throw Failure(file.empty() ? "the file is empty" : "not a JPEG or PNG image");

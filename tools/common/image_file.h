@@ -17,6 +17,9 @@ inline constexpr std::uint64_t kMaxPixels = 64'000'000;
 // Larger files are refused.
 inline constexpr std::size_t kMaxFileBytes = std::size_t{256} << 20;
 
+// Whether the file can be read and begins as JPEG and PNG files do.
+bool is_picture_file(const std::string& path);
+
 // Reads a JPEG or PNG file as 8-bit RGB. Grey becomes RGB, 16 bits become 8, transparent pixels are
 // laid on white, CMYK is converted; colour profiles, gamma and orientation marks are ignored. A
 // file that is damaged or ends early is an error, not half a picture. Throws Failure with the

@@ -19,12 +19,12 @@ std::string text_of(cl_device_id device, cl_device_info what) {
   return text;
 }
 
-std::string platform_version(cl_platform_id platform) {
+std::string text_of(cl_platform_id platform, cl_platform_info what) {
   size_t size = 0;
-  if (clGetPlatformInfo(platform, CL_PLATFORM_VERSION, 0, nullptr, &size) != CL_SUCCESS) return "";
+  if (clGetPlatformInfo(platform, what, 0, nullptr, &size) != CL_SUCCESS || size == 0) return "";
   std::string text(size, '\0');
-  clGetPlatformInfo(platform, CL_PLATFORM_VERSION, size, text.data(), nullptr);
-  if (size > 0) text.resize(size - 1);
+  if (clGetPlatformInfo(platform, what, size, text.data(), nullptr) != CL_SUCCESS) return "";
+  text.resize(size - 1);
   return text;
 }
 
@@ -35,20 +35,35 @@ Number number_of(cl_device_id device, cl_device_info what) {
   return number;
 }
 
-// Lower is better; negative: not usable.
-int rank_of(cl_device_id device) {
+bool speaks_1_2(const std::string& version) {
   int major = 0;
   int minor = 0;
-  const std::string version = text_of(device, CL_DEVICE_VERSION);
-  if (std::sscanf(version.c_str(), "OpenCL %d.%d", &major, &minor) != 2) return -1;
-  if (major * 10 + minor < 12) return -1;
-  if (!number_of<cl_bool>(device, CL_DEVICE_AVAILABLE)) return -1;
-  if (!number_of<cl_bool>(device, CL_DEVICE_COMPILER_AVAILABLE)) return -1;
-  const auto type = number_of<cl_device_type>(device, CL_DEVICE_TYPE);
-  if (type & CL_DEVICE_TYPE_GPU) return 0;
-  if (type & CL_DEVICE_TYPE_ACCELERATOR) return 1;
-  if (type & CL_DEVICE_TYPE_CPU) return 2;
-  return -1;
+  return std::sscanf(version.c_str(), "OpenCL %d.%d", &major, &minor) == 2 &&
+         major * 10 + minor >= 12;
+}
+
+// Why the device cannot compute; empty where it can.
+std::string why_refused(const Device& device) {
+  if (!speaks_1_2(device.version)) return "does not have OpenCL 1.2";
+  if (!number_of<cl_bool>(device.id, CL_DEVICE_AVAILABLE)) return "is not available";
+  if (!number_of<cl_bool>(device.id, CL_DEVICE_COMPILER_AVAILABLE)) return "has no compiler";
+  constexpr cl_device_type kKinds =
+      CL_DEVICE_TYPE_GPU | CL_DEVICE_TYPE_ACCELERATOR | CL_DEVICE_TYPE_CPU;
+  return (device.type & kKinds) != 0 ? "" : "is of an unknown kind";
+}
+
+// Lower is better.
+int rank_of(const Device& device) {
+  if ((device.type & CL_DEVICE_TYPE_GPU) != 0) return 0;
+  return (device.type & CL_DEVICE_TYPE_ACCELERATOR) != 0 ? 1 : 2;
+}
+
+std::vector<cl_platform_id> all_platforms() {
+  cl_uint count = 0;
+  if (clGetPlatformIDs(0, nullptr, &count) != CL_SUCCESS || count == 0) return {};
+  std::vector<cl_platform_id> platforms(count);
+  check_cl(clGetPlatformIDs(count, platforms.data(), nullptr), "listing the OpenCL platforms");
+  return platforms;
 }
 
 std::vector<cl_device_id> devices_of(cl_platform_id platform) {
@@ -66,43 +81,52 @@ Device describe(cl_platform_id platform, cl_device_id id) {
   device.type = number_of<cl_device_type>(id, CL_DEVICE_TYPE);
   device.name = text_of(id, CL_DEVICE_NAME);
   device.vendor = text_of(id, CL_DEVICE_VENDOR);
+  device.version = text_of(id, CL_DEVICE_VERSION);
   device.driver = text_of(id, CL_DRIVER_VERSION);
-  device.platform_version = platform_version(platform);
+  device.platform_name = text_of(platform, CL_PLATFORM_NAME);
+  device.platform_version = text_of(platform, CL_PLATFORM_VERSION);
+  device.memory = number_of<cl_ulong>(id, CL_DEVICE_GLOBAL_MEM_SIZE);
+  device.compute_units = number_of<cl_uint>(id, CL_DEVICE_MAX_COMPUTE_UNITS);
   device.largest_buffer =
       static_cast<size_t>(number_of<cl_ulong>(id, CL_DEVICE_MAX_MEM_ALLOC_SIZE));
   device.shares_memory = number_of<cl_bool>(id, CL_DEVICE_HOST_UNIFIED_MEMORY) != CL_FALSE;
   device.native_floats =
       static_cast<int>(number_of<cl_uint>(id, CL_DEVICE_NATIVE_VECTOR_WIDTH_FLOAT));
+  device.refused = why_refused(device);
   return device;
 }
 
 }  // namespace
 
-Device choose_device() {
-  cl_uint count = 0;
-  if (clGetPlatformIDs(0, nullptr, &count) != CL_SUCCESS || count == 0) {
-    refuse("no OpenCL platform is installed");
+std::vector<Device> all_devices() {
+  std::vector<Device> devices;
+  for (cl_platform_id platform : all_platforms()) {
+    for (cl_device_id id : devices_of(platform)) devices.push_back(describe(platform, id));
   }
-  std::vector<cl_platform_id> platforms(count);
-  check_cl(clGetPlatformIDs(count, platforms.data(), nullptr), "listing the OpenCL platforms");
+  return devices;
+}
 
-  Device best;
-  int best_rank = -1;
-  std::string passed_over;
-  for (cl_platform_id platform : platforms) {
-    for (cl_device_id id : devices_of(platform)) {
-      const int rank = rank_of(id);
-      if (rank < 0) passed_over += " \"" + text_of(id, CL_DEVICE_NAME) + "\"";
-      if (rank < 0 || (best_rank >= 0 && rank >= best_rank)) continue;
-      best = describe(platform, id);
-      best_rank = rank;
-    }
-  }
-  if (best_rank < 0) {
-    refuse("no usable OpenCL device: needed are OpenCL 1.2 and a compiler; " +
-           (passed_over.empty() ? "the platforms offer no device" : "passed over:" + passed_over));
+const Device* best_of(const std::vector<Device>& devices) {
+  const Device* best = nullptr;
+  for (const Device& device : devices) {
+    if (!device.refused.empty()) continue;
+    if (best == nullptr || rank_of(device) < rank_of(*best)) best = &device;
   }
   return best;
+}
+
+Device choose_device() {
+  if (all_platforms().empty()) refuse("no OpenCL platform is installed");
+  const std::vector<Device> devices = all_devices();
+  const Device* best = best_of(devices);
+  if (best != nullptr) return *best;
+  std::string passed_over;
+  for (const Device& device : devices) {
+    passed_over += (passed_over.empty() ? "" : ", ");
+    passed_over += '"' + device.name + "\" " + device.refused;
+  }
+  refuse("no usable OpenCL device: " +
+         (passed_over.empty() ? "the platforms offer none" : passed_over));
 }
 
 }  // namespace ravu::opencl

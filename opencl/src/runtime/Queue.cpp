@@ -73,6 +73,11 @@ Queue::Queue(Device device) : device_(std::move(device)), cache_(KernelCache::us
   check_cl(code, "creating the OpenCL queue");
 }
 
+// A process that ends while kernels run takes the driver away below them: PoCL crashes then.
+Queue::~Queue() {
+  clFinish(queue_.get());
+}
+
 int Queue::lanes() const {
   return lanes_of(device_);
 }

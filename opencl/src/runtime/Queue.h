@@ -43,6 +43,10 @@ struct Launch {
 class Queue {
  public:
   explicit Queue(Device device);
+  Queue(const Queue&) = delete;
+  Queue& operator=(const Queue&) = delete;
+  // Waits for what is enqueued.
+  ~Queue();
 
   const Device& device() const { return device_; }
   // The floats that one work item handles at a time.

@@ -204,6 +204,22 @@ TEST(Transcript, EveryObjectOfOpenClIsReleased) {
   EXPECT_EQ(now["clReleaseEvent"], now["events of kernels"] + now["clRetainEvent"]);
 }
 
+TEST(Transcript, AnEngineThatGoesWaitsForWhatItHasStarted) {
+  cldnn_status status = CLDNN_SUCCESS;
+  cldnn_engine engine = cldnn_create_engine(CLDNN_ENGINE_OPENCL, 0, nullptr, &status);
+  {
+    Graph graph(engine);
+    graph.input("in", random_values({1, 8, 4, 4}, 1));
+    add_pooling(graph, "out", "in");
+    EXPECT_EQ(graph.run(), Stage::kDone) << graph.text();
+  }
+  forget_calls();
+  cldnn_release_engine(engine, &status);
+  Calls now = calls_so_far();
+  EXPECT_EQ(now["clFinish"], 1);
+  EXPECT_EQ(now["clReleaseCommandQueue"], 1);
+}
+
 TEST(Transcript, PriorBoxesAreComputedAtAllocation) {
   Graph graph;
   graph.input("in", zeros({1, 8, 4, 4}));

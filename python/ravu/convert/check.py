@@ -18,8 +18,7 @@ from ..model_file import ModelFileError
 from ..network import EngineError, Mode
 from ..outline import read_outline
 from .card import repeat_check
-from .comparing import compare_all, too_large
-from .converter import convert_graph
+from .comparing import compare_layers
 from .graph import ConversionRefused, SourceError
 from .loading import Options, load
 from .recipe import Recipe
@@ -76,17 +75,13 @@ def _against_source(options: argparse.Namespace, card: dict[str, Any]) -> dict[s
     recipe = Recipe.from_json(card["input"]["folded"])
     given = Options(recipe=recipe, weights=options.weights, ssd=options.ssd)
     loaded = load(options.source, given)
-    converted = convert_graph(loaded.graph, loaded.recipe)
-    differences = compare_all(loaded, options.model, converted, Mode(options.mode))
-    diverged = {d.tensor for d in too_large(differences, converted)}
-    order = read_outline(options.model).layer_of
-    differences.sort(key=lambda d: order[converted.visible[d.tensor].blob])
-    first = next((d.tensor for d in differences if d.tensor in diverged), None)
+    layers = compare_layers(loaded, options.model, Mode(options.mode))
+    first = next((layer.difference.tensor for layer in layers if layer.above), None)
     return {
         "model": str(options.model),
         "same": first is None,
         "first": first,
-        "layers": [d.to_json() for d in differences],
+        "layers": [layer.difference.to_json() for layer in layers],
     }
 
 

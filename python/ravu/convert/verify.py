@@ -6,7 +6,7 @@ but the list of which tensor of the engine holds which of the source.
 
 from __future__ import annotations
 
-from collections.abc import Iterable
+from collections.abc import Iterable, Sequence
 from dataclasses import asdict, dataclass
 from pathlib import Path
 from typing import Any, Protocol
@@ -130,17 +130,19 @@ def compare(
     visible: dict[str, Value],
     tables: set[str] = frozenset(),
     mode: Mode = Mode.CPU,
+    inputs: Sequence[np.ndarray] = (),
 ) -> list[Difference]:
     """The differences of all tensors that the source was told to fetch, worst first.
 
     tables: which of them are detections, compared row by row
+    inputs: the pictures to run, bytes of (height, width, channels); `pictures` where there are none
     """
     errors = dict.fromkeys(source.tensors, 0.0)
     lows = dict.fromkeys(source.tensors, np.inf)
     highs = dict.fromkeys(source.tensors, -np.inf)
     with Network(model) as network:
         network.set_up(mode)
-        for picture in pictures(*network.input_shape[2:]):
+        for picture in inputs or pictures(*network.input_shape[2:]):
             wanted = source.run(source_pixels(picture, recipe))
             network.run(picture)
             for name, expected in wanted.items():

@@ -54,6 +54,16 @@ def test_convert_classify_inspect_and_verify_work_in_a_row(source, tmp_path):
     assert run("verify", model).returncode == 0
 
 
+def test_diff_with_a_source_is_done_in_python(source):
+    assert run("convert", source).returncode == 0
+    model = source.with_suffix(".ravu")
+    compared = run("diff", model, source, "--json")
+    assert compared.returncode == 0, compared.stderr
+    assert json.loads(compared.stdout)["same"] is True
+    assert run("diff", model, source, "--tolerance", "0").returncode == 1
+    assert run("diff", model, model).returncode == 0
+
+
 def test_a_refusal_keeps_its_exit_status(tmp_path):
     model = Source()
     path = model.save(tmp_path, model("Sigmoid", model.conv("image", 3, 4)))

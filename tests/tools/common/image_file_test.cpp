@@ -209,6 +209,18 @@ TEST(ImageFile, AMissingFileIsNamedByTheSystem) {
   EXPECT_THROW(read_picture("/"), Failure);
 }
 
+TEST(ImageFile, PicturesAreToldFromOtherFilesByTheirFirstBytes) {
+  const Bytes jpeg = encode_jpeg(solid(2, 2, 0, 0, 0));
+  const Bytes png = encode_png(solid(2, 2, 0, 0, 0));
+  for (const Bytes& picture : {jpeg, png, Bytes(png.begin(), png.begin() + 8)}) {
+    EXPECT_TRUE(is_picture_file(TemporaryFile(picture).path()));
+  }
+  for (const Bytes& other : {Bytes{}, Bytes(png.begin(), png.begin() + 7), Bytes{0xFF, 0xD8}}) {
+    EXPECT_FALSE(is_picture_file(TemporaryFile(other).path()));
+  }
+  EXPECT_FALSE(is_picture_file("/no/file"));
+}
+
 TEST(WritePng, WhatIsWrittenReadsBack) {
   const Picture picture = noise(31, 17, 9);
   const TemporaryFile file({});
