@@ -95,8 +95,6 @@ def open_opencv(folder: Path, network: str, threads: int, images: np.ndarray) ->
 
     cv2.setNumThreads(threads)
     net = cv2.dnn.readNetFromONNX(str(folder / f"batch{len(images)}.onnx"))
-    net.setPreferableBackend(cv2.dnn.DNN_BACKEND_OPENCV)
-    net.setPreferableTarget(cv2.dnn.DNN_TARGET_CPU)
     names = net.getUnconnectedOutLayersNames()
 
     def run() -> list[np.ndarray]:
@@ -112,7 +110,7 @@ def open_torch(folder: Path, network: str, threads: int, images: np.ndarray) -> 
 
     torch.set_num_threads(threads)
     module = traced_module(folder, network, len(images))
-    pixels = torch.from_numpy(images)
+    pixels = torch.from_numpy(images).to(memory_format=torch.channels_last)
 
     def run() -> list[np.ndarray]:
         with torch.inference_mode():

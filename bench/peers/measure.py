@@ -7,7 +7,8 @@ there are not measured again. After --seconds no further cell is started: starti
 
 In a cell every engine has a process of its own (child.py) that stays while the cell is measured.
 Each round gives each engine a turn of at least TURN seconds, beginning with another one each time,
-and asks the machine for its limits; so whatever else the machine does falls on all alike.
+and asks the machine for its limits; so whatever else the machine does falls on all alike. The
+first round only counts how many runs a turn takes. Short cells get more rounds.
 """
 
 from __future__ import annotations
@@ -33,7 +34,10 @@ from results import FIRST, Cell, Result, Results
 
 ROOT = Path(__file__).parents[2]
 BUILD = ROOT / "build" / "release"
-ROUNDS = 5
+LEAST_ROUNDS, MOST_ROUNDS = 5, 15
+ENOUGH = 20.0
+"""Seconds after which no further round than the least is begun."""
+
 TURN = 0.3
 PATIENCE = 300.0
 
@@ -181,10 +185,13 @@ def compare_outputs(cell: Cell, children: dict[str, Child], results: dict[str, R
 def take_turns(children: dict[str, Child], results: dict[str, Result]) -> dict[str, float]:
     """Fills the rounds and returns the machine's limits; who fails leaves the comparison."""
     cell = next(iter(results.values())).cell
-    runs = {engine: 2 for engine in children}
-    limits = []
+    runs = {engine: 1 for engine in children}
+    limits: list[dict[str, float]] = []
     order = list(children)
-    for round_number in range(ROUNDS + 1):
+    start = time.monotonic()
+    for round_number in range(MOST_ROUNDS + 1):
+        if round_number > LEAST_ROUNDS and time.monotonic() - start > ENOUGH:
+            break
         for engine in [engine for engine in order if engine in children]:
             try:
                 seconds = children[engine].run(runs[engine])
@@ -193,7 +200,7 @@ def take_turns(children: dict[str, Child], results: dict[str, Result]) -> dict[s
                 children.pop(engine).kill()
                 continue
             if round_number == 0:  # how many runs fill a turn
-                runs[engine] = max(2, math.ceil(TURN / min(seconds)))
+                runs[engine] = math.ceil(TURN / min(seconds))
             else:
                 rounds = (*results[engine].rounds, median(seconds) / cell.batch)
                 results[engine] = replace(results[engine], rounds=rounds)

@@ -90,9 +90,17 @@ def time_tables(results: Results) -> str:
             if rows:
                 images = "one image" if batch == 1 else f"{batch} images at once"
                 counted = "one thread" if threads == 1 else f"{threads} threads"
-                text += f"**{images.capitalize()}, {counted}**, ms an image\n\n"
+                own = sorted(versions_of(results, batch, threads))
+                text += f"**{images.capitalize()}, {counted}**, ms an image; ravu at "
+                text += ", ".join(own) + "\n\n"
                 text += table(header, rows) + "\n"
     return text
+
+
+def versions_of(results: Results, batch: int, threads: int) -> set[str]:
+    """The commits at which the first engine was measured."""
+    found = [results.get(Cell(key, batch, threads), FIRST) for key in NETWORKS]
+    return {result.version for result in found if result is not None and result.version}
 
 
 def memory_table(results: Results) -> str:
@@ -154,8 +162,7 @@ def setting(results: Results) -> str:
     text += table(["threads", "GF/s", "reading memory, GB/s", "floats in a vector"], rows) + "\n"
     versions = {r.engine: r.version for r in found if r.version and r.engine != FIRST}
     named = [f"{TITLES[engine]} {version}" for engine, version in versions.items()]
-    own = sorted({r.version for r in found if r.engine == FIRST and r.version})
-    return text + f"Versions: {', '.join(named)}; ravu at {', '.join(own)}.\n"
+    return text + f"Versions: {', '.join(named)}.\n"
 
 
 def ranged(limits: Sequence[dict[str, float]], name: str) -> str:

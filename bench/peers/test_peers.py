@@ -242,7 +242,8 @@ def test_a_child_that_dies_gives_no_figures(tmp_path, monkeypatch):
 
 
 def test_who_fails_in_a_turn_leaves_the_comparison(tmp_path, monkeypatch):
-    monkeypatch.setattr(measure, "ROUNDS", 2)
+    monkeypatch.setattr(measure, "LEAST_ROUNDS", 2)
+    monkeypatch.setattr(measure, "ENOUGH", 0.0)
     monkeypatch.setattr(measure, "TURN", 2.0)
     monkeypatch.setattr(measure, "machine_limits", lambda threads: limits(100.0 * threads))
     asked = []
@@ -263,6 +264,6 @@ def test_who_fails_in_a_turn_leaves_the_comparison(tmp_path, monkeypatch):
     results = {engine: Result(cell, engine) for engine in ("ravu", "ncnn")}
     found = measure.take_turns({"ravu": Steady(), "ncnn": Failing()}, results)
     assert found == limits(200.0)
-    assert asked == [2, "killed", 4, 4]
+    assert asked == [1, "killed", 4, 4]
     assert results["ravu"].rounds == (0.5 / 8, 0.5 / 8)
     assert results["ncnn"].error == "the process ended by itself"

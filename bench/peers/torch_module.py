@@ -1,4 +1,8 @@
-"""A graph as a torch module, traced and frozen, with the weights of prepare.py's file."""
+"""A graph as a torch module, traced and frozen, with the weights of prepare.py's file.
+
+Channels are innermost in memory: of the ways to prepare a module this one is the fastest on most of
+the networks here, `torch.jit.optimize_for_inference` on none.
+"""
 
 from __future__ import annotations
 
@@ -13,13 +17,14 @@ from torch.nn import functional
 
 
 def traced_module(folder: Path, network: str, batch: int) -> torch.jit.ScriptModule:
-    """Traced, frozen and optimised for inference by oneDNN."""
+    """Takes images in torch's usual order of axes."""
     graph = NETWORKS[network][1]()
     module = GraphModule(graph, np.load(folder / "weights.npz")).eval()
+    module = module.to(memory_format=torch.channels_last)
     images = torch.zeros(batch, *graph.shapes["data"])
+    images = images.to(memory_format=torch.channels_last)
     with torch.inference_mode():
-        traced = torch.jit.freeze(torch.jit.trace(module, images, check_trace=False))
-        return torch.jit.optimize_for_inference(traced)
+        return torch.jit.freeze(torch.jit.trace(module, images, check_trace=False))
 
 
 class GraphModule(nn.Module):
