@@ -14,20 +14,22 @@ add_executable(ravu_tests
   graph/cpu_backend_test.cpp
   graph/dynamic_library_test.cpp
   graph/fixed_point_library_test.cpp
+  graph/fusion_test.cpp
   graph/gpu_backend_test.cpp
   graph/gpu_failure_test.cpp
   graph/ravuGraph_test.cpp
   kernels/boxes_test.cpp
   kernels/channels_test.cpp
-  kernels/channelwise_test.cpp
   kernels/conv_forms_test.cpp
   kernels/convert_test.cpp
+  kernels/element_steps_test.cpp
   kernels/elementwise_test.cpp
   kernels/fully_connected_test.cpp
   kernels/lrn_test.cpp
   kernels/normalize_test.cpp
   kernels/permute_test.cpp
   kernels/pooling_test.cpp
+  kernels/transpose_test.cpp
   kernels/workers_test.cpp
   layers/BatchNormLayer_test.cpp
   layers/ConcatLayer_test.cpp

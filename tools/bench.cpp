@@ -11,7 +11,9 @@
 
 #include "common/failure.h"
 #include "common/model.h"
+#include "common/peak.h"
 #include "common/printing.h"
+#include "graph/cpu_backend.h"
 #include "json.h"
 #include "ravu/ravu.h"
 
@@ -61,13 +63,14 @@ void run_layers(Network& network, std::uint32_t mode, std::vector<std::vector<do
     subtract_repeated(input.data, input.data, mean->data, -1.0F, input.count, mean->count);
   }
   for (std::size_t i = 0; i < network.layers.size(); ++i) {
-    seconds[i].push_back(seconds_of([&] { network.layers[i]->Forward(mode); }));
+    seconds[i].push_back(seconds_of([&] { forward_layer(*network.layers[i], mode); }));
   }
 }
 
 struct Measurements {
   std::vector<double> passes;
   std::vector<double> products;
+  std::vector<double> peaks;
   std::vector<std::vector<double>> layers;
 };
 
@@ -91,6 +94,10 @@ Measurements measure(Network& network, const BenchOptions& options) {
     }
     found.passes.push_back(pass());
     if (options.layers) {
+      if (i % spacing == 0) {
+        found.peaks.push_back(time_peak(network.workspace.workers()));
+        pass();
+      }
       feed(network, pixels);
       run_layers(network, options.mode, found.layers);
     }
@@ -109,6 +116,8 @@ BenchReport report_of(const Network& network, const BenchOptions& options,
   report.repeats = options.repeats;
   report.pass = summarise_times(found.passes);
   if (!found.products.empty()) report.reference = summarise_times(found.products);
+  if (!found.peaks.empty()) report.peak = summarise_times(found.peaks);
+  const std::vector<std::string> kernels = layer_kernels(network);
   for (std::size_t i = 0; i < network.layers.size(); ++i) {
     const BaseLayer& layer = *network.layers[i];
     LayerTiming timing;
@@ -116,7 +125,7 @@ BenchReport report_of(const Network& network, const BenchOptions& options,
     report.multiply_adds += timing.multiply_adds;
     if (!options.layers) continue;
     timing.class_name = layer_class(layer);
-    timing.kernel = layer_kernel(layer);
+    timing.kernel = kernels[i];
     if (const Blob* output = last_output(layer); output != nullptr) {
       timing.output = output->name;
       timing.shape = output->dims;
@@ -143,6 +152,12 @@ std::vector<std::string> timing_row(const std::string& name, const Timing& time,
           fixed(gflops(multiply_adds, time.median), 1)};
 }
 
+// Of all threads, at the fastest probe.
+double peak_gflops(const BenchReport& report) {
+  if (!report.peak) return 0;
+  return gflops(peak_multiply_adds(report.threads), report.peak->minimum);
+}
+
 std::string layers_text(const BenchReport& report) {
   using enum Table::Align;
   Table table({{"index", kRight},
@@ -154,7 +169,9 @@ std::string layers_text(const BenchReport& report) {
                {"median ms", kRight},
                {"share %", kRight},
                {"GF/s at min", kRight},
-               {"GF/s at median", kRight}});
+               {"GF/s at median", kRight},
+               {"% of peak", kRight}});
+  const double peak = peak_gflops(report);
   double sum = 0;
   for (const LayerTiming& layer : report.layers) sum += layer.time.median;
   std::size_t index = 0;
@@ -166,7 +183,10 @@ std::string layers_text(const BenchReport& report) {
                    milliseconds(layer.time.minimum), milliseconds(layer.time.median),
                    fixed(sum > 0 ? 100 * layer.time.median / sum : 0, 1),
                    counted ? fixed(gflops(layer.multiply_adds, layer.time.minimum), 1) : "-",
-                   counted ? fixed(gflops(layer.multiply_adds, layer.time.median), 1) : "-"});
+                   counted ? fixed(gflops(layer.multiply_adds, layer.time.median), 1) : "-",
+                   counted && peak > 0
+                       ? fixed(100 * gflops(layer.multiply_adds, layer.time.minimum) / peak, 0)
+                       : "-"});
   }
   return '\n' + table.text();
 }
@@ -195,6 +215,9 @@ std::string text_of(const BenchReport& report) {
     table.add_row({"pass/sgemm", "-", "-", "-", "-", "-",
                    ratio(report.pass.minimum, report.reference->minimum),
                    ratio(report.pass.median, report.reference->median)});
+  }
+  if (report.peak) {
+    table.add_row(timing_row("peak", *report.peak, peak_multiply_adds(report.threads)));
   }
   text += table.text();
   return report.layers.empty() ? text : text + layers_text(report);

@@ -21,6 +21,7 @@ struct BenchOptions {
   std::uint32_t threads = 0;  // 0: the BLAS library's own default
   bool layers = false;
   bool reference = false;
+  bool load = false;
   bool json = false;
 };
 
@@ -37,7 +38,7 @@ double gflops(std::uint64_t multiply_adds, double seconds);
 
 struct LayerTiming {
   std::string class_name;
-  std::string kernel;  // empty for layers that have only one
+  std::string kernel;  // empty for layers that have only one; see layer_kernels
   std::string output;
   std::array<std::uint32_t, 4> shape{};
   std::uint64_t multiply_adds = 0;
@@ -54,6 +55,7 @@ struct BenchReport {
   std::uint64_t multiply_adds = 0;  // of a pass
   Timing pass;
   std::optional<Timing> reference;  // one product of kReferenceSide
+  std::optional<Timing> peak;       // multiply-adds without memory; with the layers
   std::vector<LayerTiming> layers;  // empty unless asked for
 };
 
@@ -62,7 +64,21 @@ inline constexpr std::uint32_t kReferenceSide = 1024;
 inline constexpr std::uint64_t kReferenceMultiplyAdds =
     std::uint64_t{kReferenceSide} * kReferenceSide * kReferenceSide;
 
-// Throws Failure.
+// What it takes to get a network from its file to its first two passes.
+struct LoadReport {
+  std::string model;
+  std::uint64_t bytes = 0;  // of the file, which the system has in its cache
+  std::uint32_t threads = 0;
+  std::uint32_t repeats = 0;
+  Timing read;  // the file, piece by piece, as `cat` does
+  Timing load;
+  Timing set_up;
+  Timing first_pass, second_pass;
+};
+
+// These throw Failure.
+LoadReport measure_load(const BenchOptions& options);
+void run_load_bench(const BenchOptions& options);
 void run_bench(const BenchOptions& options);
 
 }  // namespace ravu::tools

@@ -15,21 +15,25 @@ constexpr std::size_t kTitleWidth = 9;
 
 std::string table_of(const ModelSummary& summary) {
   using enum Table::Align;
-  Table table({{"index", kRight},
-               {"class"},
-               {"output"},
-               {"shape"},
-               {"parameters", kRight},
-               {"multiply-adds", kRight}});
+  std::vector<Table::Column> columns{
+      {"index", kRight},        {"class"}, {"output"}, {"shape"}, {"parameters", kRight},
+      {"multiply-adds", kRight}};
+  if (summary.planned) columns.push_back({"kernel"});
+  Table table(columns);
+  const auto add_row = [&](std::vector<std::string> row, const std::string& kernel) {
+    if (summary.planned) row.push_back(kernel.empty() ? "-" : kernel);
+    table.add_row(row);
+  };
   std::size_t index = 0;
   for (const LayerLine& layer : summary.layers) {
-    table.add_row({std::to_string(index++), layer.class_name,
-                   layer.output.empty() ? "-" : printable(layer.output), dims_text(layer.shape),
-                   std::to_string(layer.costs.parameters),
-                   std::to_string(layer.costs.multiply_adds)});
+    add_row({std::to_string(index++), layer.class_name,
+             layer.output.empty() ? "-" : printable(layer.output), dims_text(layer.shape),
+             std::to_string(layer.costs.parameters), std::to_string(layer.costs.multiply_adds)},
+            layer.kernel);
   }
-  table.add_row({"-", "total", "-", "-", std::to_string(summary.total.parameters),
-                 std::to_string(summary.total.multiply_adds)});
+  add_row({"-", "total", "-", "-", std::to_string(summary.total.parameters),
+           std::to_string(summary.total.multiply_adds)},
+          "");
   return table.text();
 }
 
@@ -96,6 +100,12 @@ ModelSummary summarise(const Network& network, const std::string& model) {
   return summary;
 }
 
+void add_plan(const Network& network, ModelSummary& summary) {
+  summary.planned = true;
+  const std::vector<std::string> kernels = layer_kernels(network);
+  for (std::size_t i = 0; i < kernels.size(); ++i) summary.layers[i].kernel = kernels[i];
+}
+
 void run_inspect(const InspectOptions& options) {
   if (options.tags) {
     const TagNode root = read_tags_of(options.model);
@@ -107,7 +117,9 @@ void run_inspect(const InspectOptions& options) {
   const FileImage image = read_model_file(options.model);
   const Tag root = root_tag(image.get());
   const auto network = open_model(options.model, root, /*channel_mean=*/false, options.batch);
+  if (options.plan) set_up(*network, /*mode=*/0);
   ModelSummary summary = summarise(*network, options.model);
+  if (options.plan) add_plan(*network, summary);
   summary.card = read_card(options.model, root);
   print(options.json ? to_json(summary) : text_of(summary));
 }

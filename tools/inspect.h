@@ -17,6 +17,7 @@ struct InspectOptions {
   std::string model;
   std::uint32_t batch = 1;
   bool tags = false;
+  bool plan = false;
   bool json = false;
 };
 
@@ -25,6 +26,7 @@ struct LayerLine {
   std::string output;  // name of the last output, empty when there is none
   std::array<std::uint32_t, 4> shape{};
   LayerCosts costs;
+  std::string kernel;  // see layer_kernels; empty before a set-up
 };
 
 struct ModelSummary {
@@ -33,6 +35,7 @@ struct ModelSummary {
   bool has_mean = false;
   bool preprocess = false;  // the mean is subtracted by each pass
   std::size_t labels = 0;
+  bool planned = false;  // set up for run mode 0
   std::vector<std::string> outputs;
   std::vector<LayerLine> layers;  // in execution order
   LayerCosts total;
@@ -40,6 +43,9 @@ struct ModelSummary {
 };
 
 ModelSummary summarise(const Network& network, const std::string& model);
+
+// Adds how each layer of a network that has been set up for run mode 0 is computed.
+void add_plan(const Network& network, ModelSummary& summary);
 
 // One element of the file, with what stands inside it.
 struct TagNode {

@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "common/peak.h"
 #include "common/printing.h"
 
 namespace ravu::tools {
@@ -137,6 +138,7 @@ std::string to_json(const ModelSummary& summary) {
                       {"shape", layer.shape},
                       {"parameters", layer.costs.parameters},
                       {"multiply_adds", layer.costs.multiply_adds}});
+    if (!layer.kernel.empty()) layers.back()["kernel"] = layer.kernel;
   }
   return text_of({{"model", summary.model},
                   {"input", summary.input},
@@ -167,6 +169,7 @@ std::string to_json(const BenchReport& report) {
     json["pass_to_reference_at_median"] = gflops(report.multiply_adds, report.pass.median) /
                                           gflops(kReferenceMultiplyAdds, report.reference->median);
   }
+  if (report.peak) json["peak"] = json_of(*report.peak, peak_multiply_adds(report.threads));
   if (!report.layers.empty()) {
     Json layers = Json::array();
     for (const LayerTiming& layer : report.layers) {
@@ -181,6 +184,18 @@ std::string to_json(const BenchReport& report) {
     json["layers"] = std::move(layers);
   }
   return text_of(json);
+}
+
+std::string to_json(const LoadReport& report) {
+  return text_of({{"model", report.model},
+                  {"bytes", report.bytes},
+                  {"threads", report.threads},
+                  {"repeats", report.repeats},
+                  {"read", json_of(report.read)},
+                  {"load", json_of(report.load)},
+                  {"set_up", json_of(report.set_up)},
+                  {"first_pass", json_of(report.first_pass)},
+                  {"second_pass", json_of(report.second_pass)}});
 }
 
 std::string to_json(const QuantiseReport& report) {

@@ -21,6 +21,7 @@ std::string to_json(const std::vector<ImageDetections>& results);
 std::string to_json(const ModelSummary& summary);
 std::string to_json(const TagNode& root);
 std::string to_json(const BenchReport& report);
+std::string to_json(const LoadReport& report);
 std::string to_json(const QuantiseReport& report);
 
 // None for text that is no JSON object.

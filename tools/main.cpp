@@ -123,6 +123,8 @@ void add_inspect(CLI::App& app, InspectOptions& options) {
       ->capture_default_str();
   command.add_flag("--tags", options.tags,
                    "Show the tree of elements instead of the layers; works for damaged models too");
+  command.add_flag("--plan", options.plan,
+                   "Also show how run mode 0 computes each layer on this machine");
   add_json(command, options.json);
   command.footer("Multiply-adds are those of convolutions and fully connected layers.");
 }
@@ -142,13 +144,19 @@ void add_bench(CLI::App& app, BenchOptions& options) {
   add_mode_and_threads(command, options.mode, options.threads);
   command.add_flag("--layers", options.layers,
                    "Also time every layer, in passes of their own with a clock between the layers "
-                   "(run modes 0 and 3)");
+                   "(run modes 0 and 3), and the most that the threads can compute");
   command.add_flag("--reference", options.reference,
                    "Also time the BLAS library's product of two 1024 x 1024 matrices in between");
+  command.add_flag(
+      "--load", options.load,
+      "Time loading, set-up and the first two passes instead, beside reading the file");
   add_json(command, options.json);
   command.footer(
       "GF/s are billions of operations a second, two for each multiply-add of convolutions and\n"
-      "fully connected layers. The input holds seeded values.");
+      "fully connected layers. The input holds seeded values. Layers that are computed together "
+      "with\n"
+      "the one before them are marked as fused; Winograd's forms can exceed the peak, since they\n"
+      "multiply less often than is counted.");
 }
 
 void add_quantise(CLI::App& app, QuantiseOptions& options) {
@@ -214,7 +222,7 @@ int main(int argc, char** argv) {
       return run_python_command(name, app.get_subcommand(name)->remaining());
     }
     if (app.got_subcommand("inspect")) run_inspect(inspect);
-    if (app.got_subcommand("bench")) run_bench(bench);
+    if (app.got_subcommand("bench")) bench.load ? run_load_bench(bench) : run_bench(bench);
     if (app.got_subcommand("quantise")) return run_quantise(quantise) ? 0 : kFailed;
   } catch (const std::bad_alloc&) {
     std::fputs("ravu: out of memory\n", stderr);

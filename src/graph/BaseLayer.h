@@ -2,13 +2,16 @@
 // network drives it. The network never looks at a layer's class.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "graph/Blob.h"
+#include "kernels/element_steps.h"
 
 // clDNN's handles, opaque here.
 struct cldnn_topology_impl;
@@ -43,6 +46,14 @@ class BaseLayer {
   bool prepared = false;           // whether a Setup has run
   Workspace* workspace = nullptr;  // the network's scratch memory; set by Network::add_layer
   GpuGraph* gpu = nullptr;         // what a GPU set-up has added; set before AddPrimitives
+
+  // Fusion, see graph/fusion.h. What the layer does to each of its elements, as things stand now;
+  // none while it is not ready. Null: it is not that kind of layer.
+  using StepOf = std::optional<kernels::ElementStep> (*)(const BaseLayer& layer);
+  StepOf element_step = nullptr;
+  bool takes_steps = false;  // whether Forward runs the steps of the layers below
+  std::array<BaseLayer*, kernels::ElementSteps::kMost> followers{};  // up to the first null one
+  bool done_by_producer = false;  // set by the layer that this one follows, for the current pass
 
   // Gives back the storage of every owned Blob; the records are the network's.
   virtual ~BaseLayer();

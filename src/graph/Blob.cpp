@@ -21,13 +21,19 @@ std::size_t round_up_to_64(std::size_t bytes) {
   return bytes % 64 == 0 ? bytes : (bytes + 64) & ~std::size_t{63};
 }
 
-// `reserved` bytes of which the first count floats may be touched; those are zeroed.
-std::shared_ptr<float> make_storage(std::size_t reserved, std::uint32_t count) {
+// `reserved` bytes of which the first count floats may be touched; those are copied from `source`
+// (null: zeros).
+std::shared_ptr<float> make_storage(std::size_t reserved, std::uint32_t count,
+                                    const void* source = nullptr) {
   if (reserved == 0) return nullptr;
   constexpr auto alignment = std::align_val_t{kStorageAlignment};
   auto* data = static_cast<float*>(::operator new(reserved, alignment));
   const std::size_t used = std::size_t{count} * sizeof(float);
-  std::memset(data, 0, used);
+  if (source == nullptr) {
+    std::memset(data, 0, used);
+  } else {
+    std::memcpy(data, source, used);
+  }
   ASAN_POISON_MEMORY_REGION(reinterpret_cast<char*>(data) + used, reserved - used);
   return {data, [reserved](float* released) {
             ASAN_UNPOISON_MEMORY_REGION(released, reserved);
@@ -92,10 +98,7 @@ bool allocate(Blob& blob) {
 }
 
 void assign(Blob& blob, const void* source) {
-  install(blob, make_storage(reserved_bytes(blob.count), blob.count));
-  if (source != nullptr && blob.data != nullptr) {
-    std::memcpy(blob.data, source, std::size_t{blob.count} * sizeof(float));
-  }
+  install(blob, make_storage(reserved_bytes(blob.count), blob.count, source));
 }
 
 void reshape(Blob& blob, const Shape& shape) {

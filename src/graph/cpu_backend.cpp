@@ -3,8 +3,10 @@
 
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "graph/fixed_point_library.h"
+#include "graph/fusion.h"
 
 namespace ravu {
 namespace {
@@ -37,7 +39,12 @@ bool setup_cpu(Network& network, std::uint32_t mode) {
     if (bytes > network.memory_limit) throw std::bad_alloc();
   }
   network.bind_borrowers();
+  link_followers(network);
   return true;
+}
+
+void forward_layer(BaseLayer& layer, std::uint32_t mode) {
+  if (!std::exchange(layer.done_by_producer, false)) layer.Forward(mode);
 }
 
 void forward_cpu(Network& network, std::uint32_t mode) {
@@ -46,7 +53,7 @@ void forward_cpu(Network& network, std::uint32_t mode) {
   if (mean != nullptr && mean->data != nullptr && input.data != nullptr && network.preprocess) {
     subtract_repeated(input.data, input.data, mean->data, -1.0F, input.count, mean->count);
   }
-  for (const auto& layer : network.layers) layer->Forward(mode);
+  for (const auto& layer : network.layers) forward_layer(*layer, mode);
 }
 
 }  // namespace ravu

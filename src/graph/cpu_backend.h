@@ -12,6 +12,9 @@ namespace ravu {
 // Returns true; throws std::bad_alloc, also when the layers' scratch Blobs pass the memory limit.
 bool setup_cpu(Network& network, std::uint32_t mode);
 
+// Runs one layer of a pass, unless the layer before has done its work.
+void forward_layer(BaseLayer& layer, std::uint32_t mode);
+
 // Subtracts the mean from the input, in place, then runs every layer in order. Without new input a
 // second pass subtracts the mean again.
 void forward_cpu(Network& network, std::uint32_t mode);

@@ -8,6 +8,8 @@
 #include <unordered_set>
 #include <utility>
 
+#include "graph/fusion.h"
+
 #ifdef _WIN32
 #include <windows.h>
 #else
@@ -144,6 +146,7 @@ void Network::change_input_shape(const Shape& shape) {
   }
   change.commit();
   bind_borrowers();
+  link_followers(*this);
 }
 
 void Network::clear_for_input() {
@@ -166,6 +169,7 @@ std::uint64_t Network::storage_bytes() const {
 }
 
 void Network::release_weights() {
+  unlink_followers(*this);
   while (!params.empty()) params.pop_back();
   for (const auto& layer : layers) layer->ReleaseWeights();
 }

@@ -20,10 +20,16 @@ bool has_plain_bias(const ConvSizes& sizes, std::span<const ConvGroup> groups) {
   });
 }
 
+bool is_winograd(ConvForm form) {
+  return form == ConvForm::kWinograd || form == ConvForm::kSmallWinograd;
+}
+
 ConvForm best_form(const ConvSizes& sizes, std::span<const ConvGroup> groups) {
   if (!has_plain_bias(sizes, groups)) return ConvForm::kGather;
   if (is_depthwise(sizes, groups)) return ConvForm::kDepthwise;
-  if (winograd_pays(sizes)) return ConvForm::kWinograd;
+  const WinogradSide side = winograd_side(sizes);
+  if (side == WinogradSide::kFour) return ConvForm::kWinograd;
+  if (side == WinogradSide::kTwo) return ConvForm::kSmallWinograd;
   if (packed_scratch_floats(sizes) <= kMaxPackedScratch) return ConvForm::kDirect;
   return ConvForm::kGather;
 }
@@ -38,19 +44,24 @@ const char* form_name(ConvForm form) {
       return "direct";
     case ConvForm::kWinograd:
       return "winograd";
+    case ConvForm::kSmallWinograd:
+      return "winograd2";
     case ConvForm::kDepthwise:
       return "depthwise";
   }
   return "";
 }
 
-void ConvPlan::prepare(const ConvSizes& sizes, std::span<const ConvGroup> groups) {
+void ConvPlan::prepare(const ConvSizes& sizes, std::span<const ConvGroup> groups,
+                       Workers& workers) {
   clear();
   const ConvForm form = best_form(sizes, groups);
   if (form == ConvForm::kDirect) {
-    for (const ConvGroup& group : groups) direct_.push_back(pack_conv(sizes, group.weights));
-  } else if (form == ConvForm::kWinograd) {
-    for (const ConvGroup& group : groups) winograd_.push_back(pack_winograd(sizes, group.weights));
+    for (const ConvGroup& group : groups)
+      direct_.push_back(pack_conv(sizes, group.weights, workers));
+  } else if (is_winograd(form)) {
+    for (const ConvGroup& group : groups)
+      winograd_.push_back(pack_winograd(sizes, group.weights, workers));
   } else if (form == ConvForm::kDepthwise) {
     const std::size_t taps = sizes.kernel_h * sizes.kernel_w;
     depthwise_weights_.resize(taps * sizes.channels);
@@ -88,6 +99,7 @@ ConvForm ConvPlan::form(const ConvSizes& sizes, std::span<const ConvGroup> group
     case ConvForm::kDirect:
       return holds(direct_) ? prepared_ : ConvForm::kGather;
     case ConvForm::kWinograd:
+    case ConvForm::kSmallWinograd:
       return holds(winograd_) ? prepared_ : ConvForm::kGather;
     case ConvForm::kDepthwise:
       return is_depthwise(sizes, groups) && same_taps ? prepared_ : ConvForm::kGather;
@@ -103,6 +115,7 @@ std::size_t ConvPlan::scratch_floats(const ConvSizes& sizes, std::span<const Con
     case ConvForm::kDirect:
       return packed_scratch_floats(sizes) * threads;
     case ConvForm::kWinograd:
+    case ConvForm::kSmallWinograd:
       return winograd_scratch_floats(sizes);
     case ConvForm::kDepthwise:
       return 0;
@@ -113,23 +126,25 @@ std::size_t ConvPlan::scratch_floats(const ConvSizes& sizes, std::span<const Con
 }
 
 void ConvPlan::run(const ConvSizes& sizes, const float* input, std::span<const ConvGroup> groups,
-                   float* output, float* scratch, Workers& workers) const {
+                   const ElementSteps& steps, float* output, float* scratch,
+                   Workers& workers) const {
   const ConvForm chosen = form(sizes, groups);
   if (chosen == ConvForm::kDepthwise) {
     const float* bias = depthwise_bias_.empty() ? nullptr : depthwise_bias_.data();
-    convolve_depthwise(sizes, input, depthwise_weights_.data(), bias, output, workers);
+    convolve_depthwise(sizes, input, depthwise_weights_.data(), bias, steps, output, workers);
     return;
   }
   for (std::size_t g = 0; g < groups.size(); ++g) {
     const ConvGroup& group = groups[g];
     const float* from = input + g * sizes.group_channels;
     float* to = output + g * sizes.kernels;
+    const ElementSteps own_steps = steps.from_channel(g * sizes.kernels);
     if (chosen == ConvForm::kDirect) {
-      convolve_packed(sizes, from, direct_[g], group.bias, to, scratch, workers);
-    } else if (chosen == ConvForm::kWinograd) {
-      convolve_winograd(sizes, from, winograd_[g], group.bias, to, scratch, workers);
+      convolve_packed(sizes, from, direct_[g], group.bias, own_steps, to, scratch, workers);
+    } else if (is_winograd(chosen)) {
+      convolve_winograd(sizes, from, winograd_[g], group.bias, own_steps, to, scratch, workers);
     } else {
-      convolve(sizes, from, group.weights, group.bias, group.bias_count, to, scratch);
+      convolve(sizes, from, group.weights, group.bias, group.bias_count, own_steps, to, scratch);
     }
   }
 }

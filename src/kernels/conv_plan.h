@@ -12,7 +12,7 @@
 
 namespace ravu::kernels {
 
-enum class ConvForm { kGather, kDirect, kWinograd, kDepthwise };
+enum class ConvForm { kGather, kDirect, kWinograd, kSmallWinograd, kDepthwise };
 
 // The form's name in reports.
 const char* form_name(ConvForm form);
@@ -29,7 +29,7 @@ class ConvPlan {
  public:
   // Chooses the form for these sizes and rearranges copies of the weights for it. Throws
   // std::bad_alloc.
-  void prepare(const ConvSizes& sizes, std::span<const ConvGroup> groups);
+  void prepare(const ConvSizes& sizes, std::span<const ConvGroup> groups, Workers& workers);
 
   void clear();
 
@@ -44,10 +44,11 @@ class ConvPlan {
   std::size_t scratch_floats(const ConvSizes& sizes, std::span<const ConvGroup> groups,
                              std::size_t threads) const;
 
-  // The sums that `convolve` describes, group after group. `input` and `output` are the whole
-  // arrays of all groups, and different ones.
+  // The sums that `convolve` describes, group after group, and then the steps, whose parameters are
+  // for the output channels of all groups. `input` and `output` are the whole arrays of all groups,
+  // and different ones.
   void run(const ConvSizes& sizes, const float* input, std::span<const ConvGroup> groups,
-           float* output, float* scratch, Workers& workers) const;
+           const ElementSteps& steps, float* output, float* scratch, Workers& workers) const;
 
  private:
   ConvForm prepared_ = ConvForm::kGather;

@@ -110,7 +110,7 @@ std::size_t conv_scratch_floats(const ConvSizes& s) {
 }
 
 void convolve(const ConvSizes& s, const float* input, const float* weights, const float* bias,
-              std::size_t bias_count, float* output, float* scratch) {
+              std::size_t bias_count, const ElementSteps& steps, float* output, float* scratch) {
   const std::size_t pixels = s.rows * s.columns;
   const std::size_t patch = patch_floats(s);
   const bool direct = reads_input_directly(s);
@@ -132,6 +132,7 @@ void convolve(const ConvSizes& s, const float* input, const float* weights, cons
         add_bias(block, count, s.kernels, s.out_channels, bias, bias_count,
                  (n * pixels + p) * s.kernels % bias_count);
       }
+      apply_steps_to_rows(steps, block, count, s.kernels, s.out_channels);
     }
   }
 }

@@ -1,14 +1,17 @@
 // Kernels that treat each element by itself. The same bits on every processor: one rounding per
 // written operation, selects instead of minimum and maximum instructions.
+#include <algorithm>
 #include <cmath>
 
 #include "kernels/kernels.h"
+#include "kernels/workers.h"
 
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "kernels/elementwise.cpp"
 #include <hwy/foreach_target.h>
 #include <hwy/highway.h>
 
+#include "kernels/element_steps-inl.h"
 #include "kernels/for_each_vector-inl.h"
 
 HWY_BEFORE_NAMESPACE();
@@ -16,14 +19,6 @@ namespace ravu::kernels::HWY_NAMESPACE {
 namespace {
 
 namespace hn = hwy::HWY_NAMESPACE;
-
-void relu(const float* input, float* output, std::size_t n, float slope) {
-  for_each_vector(n, [=](auto d, std::size_t i) {
-    const auto x = hn::LoadU(d, input + i);
-    const auto scaled = hn::Mul(x, hn::Set(d, slope));
-    hn::StoreU(hn::IfThenElse(hn::Gt(scaled, x), scaled, x), d, output + i);
-  });
-}
 
 void multiply_and_add(const float* input, float* output, std::size_t n, float factor,
                       float addend) {
@@ -33,14 +28,17 @@ void multiply_and_add(const float* input, float* output, std::size_t n, float fa
   });
 }
 
-void weighted_sum(const float* const* inputs, const float* coefficients, std::size_t terms,
-                  float* output, std::size_t n) {
-  for_each_vector(n, [=](auto d, std::size_t i) {
-    auto sum = hn::Zero(d);
+// Elements [start, start + n).
+void sum_piece(const float* const* inputs, const float* coefficients, std::size_t terms,
+               const ElementSteps& steps, float* output, std::size_t start, std::size_t n) {
+  for_each_vector(n, [=, &steps](auto d, std::size_t i) HWY_ATTR {
+    hn::Vec<decltype(d)> sum[1] = {hn::Zero(d)};
     for (std::size_t j = 0; j < terms; ++j) {
-      sum = hn::Add(sum, hn::Mul(hn::Set(d, coefficients[j]), hn::LoadU(d, inputs[j] + i)));
+      const auto term = hn::LoadU(d, inputs[j] + start + i);
+      sum[0] = hn::Add(sum[0], hn::Mul(hn::Set(d, coefficients[j]), term));
     }
-    hn::StoreU(sum, d, output + i);
+    apply_steps<Lie::kSameChannels>(d, steps, 0, sum);
+    hn::StoreU(sum[0], d, output + start + i);
   });
 }
 
@@ -70,14 +68,9 @@ HWY_AFTER_NAMESPACE();
 #if HWY_ONCE
 namespace ravu::kernels {
 
-HWY_EXPORT(relu);
 HWY_EXPORT(multiply_and_add);
-HWY_EXPORT(weighted_sum);
+HWY_EXPORT(sum_piece);
 HWY_EXPORT(add_bias);
-
-void relu(const float* input, float* output, std::size_t n, float slope) {
-  HWY_DYNAMIC_DISPATCH(relu)(input, output, n, slope);
-}
 
 void multiply_and_add(const float* input, float* output, std::size_t n, float factor,
                       float addend) {
@@ -89,8 +82,13 @@ void raise_to_power(const float* input, float* output, std::size_t n, float expo
 }
 
 void weighted_sum(const float* const* inputs, const float* coefficients, std::size_t terms,
-                  float* output, std::size_t n) {
-  HWY_DYNAMIC_DISPATCH(weighted_sum)(inputs, coefficients, terms, output, n);
+                  const ElementSteps& steps, float* output, std::size_t n, Workers& workers) {
+  constexpr std::size_t kPiece = std::size_t{1} << 15;  // elements of a task
+  const auto sum_elements = HWY_DYNAMIC_DISPATCH(sum_piece);
+  workers.run((n + kPiece - 1) / kPiece, [&](std::size_t index, std::size_t) {
+    const std::size_t start = index * kPiece;
+    sum_elements(inputs, coefficients, terms, steps, output, start, std::min(kPiece, n - start));
+  });
 }
 
 void add_bias(float* first_row, std::size_t rows, std::size_t width, std::size_t stride,

@@ -9,12 +9,11 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "kernels/element_steps.h"
+
 namespace ravu::kernels {
 
 class Workers;
-
-// output[i] = input[i] * slope where that is greater than input[i], else input[i]; i < n.
-void relu(const float* input, float* output, std::size_t n, float slope);
 
 // output[i] = input[i] * factor + addend, rounded after each of the two; i < n.
 void multiply_and_add(const float* input, float* output, std::size_t n, float factor, float addend);
@@ -22,10 +21,11 @@ void multiply_and_add(const float* input, float* output, std::size_t n, float fa
 // output[i] = input[i] to the power of exponent, by the C library; i < n.
 void raise_to_power(const float* input, float* output, std::size_t n, float exponent);
 
-// output[i] = sum of coefficients[j] * inputs[j][i] over the terms j in order, from 0; i < n. The
-// output may be any of the inputs.
+// output[i] = sum of coefficients[j] * inputs[j][i] over the terms j in order, from 0, and then the
+// steps, which have no parameters; i < n. The output may be any of the inputs. The result does not
+// depend on the number of threads.
 void weighted_sum(const float* const* inputs, const float* coefficients, std::size_t terms,
-                  float* output, std::size_t n);
+                  const ElementSteps& steps, float* output, std::size_t n, Workers& workers);
 
 // row[r][i] += bias[(phase + r * width + i) mod bias_count] for `rows` rows of `width` floats that
 // start `stride` floats apart. bias_count is at least 1.
@@ -42,25 +42,6 @@ void split_channels(const float* input, std::size_t pixels, std::size_t channels
 void interleave_channels(const float* staging, std::size_t group_stride, std::size_t pixels,
                          std::size_t groups, std::size_t group_channels, float* output);
 
-// Parameters that repeat along the data: element i takes entry i mod period. The period is at least
-// 1; no more than n entries are read.
-
-// output[i] = min(input[i], 0) * slope + max(input[i], 0); i < n.
-void prelu(const float* input, float* output, std::size_t n, const float* slopes,
-           std::size_t period);
-
-// output[i] = (input[i] - mean) * factor; i < n.
-void normalise(const float* input, float* output, std::size_t n, const float* means,
-               const float* factors, std::size_t period);
-
-// output[i] = input[i] * factor; i < n.
-void scale(const float* input, float* output, std::size_t n, const float* factors,
-           std::size_t period);
-
-// output[i] = input[i] * factor + shift, rounded after each of the two; i < n.
-void scale_and_shift(const float* input, float* output, std::size_t n, const float* factors,
-                     const float* shifts, std::size_t period);
-
 // For each run of `length` values (the last one may be shorter): exp(x - greatest) times the
 // reciprocal of their sum.
 void softmax(const float* input, float* output, std::size_t n, std::size_t length);
@@ -75,6 +56,10 @@ struct AxisOrder {
 // Moves one image. Input and output are different arrays.
 void permute(const AxisOrder& axes, const float* input, float* output);
 
+// output[c][r] = input[r][c]. Input and output are different arrays.
+void transpose(const float* input, std::size_t rows, std::size_t columns, float* output,
+               Workers& workers);
+
 struct PoolingSizes {
   std::size_t batch, height, width, channels;
   std::size_t out_height, out_width;
@@ -82,9 +67,11 @@ struct PoolingSizes {
 };
 
 // Reduce each channel over square windows that are shortened, not shifted, at the border. The
-// average divides by the full window area. Input and output are different arrays.
-void max_pooling(const PoolingSizes& sizes, const float* input, float* output);
-void average_pooling(const PoolingSizes& sizes, const float* input, float* output);
+// average divides by the full window area. Input and output are different arrays. The result does
+// not depend on the number of threads.
+void max_pooling(const PoolingSizes& sizes, const float* input, float* output, Workers& workers);
+void average_pooling(const PoolingSizes& sizes, const float* input, float* output,
+                     Workers& workers);
 
 struct Lrn {
   std::size_t channels;  // of a pixel; at least 1
@@ -94,16 +81,17 @@ struct Lrn {
   float k;               // added to each sum
 };
 
-// How many pixels `lrn` treats side by side, and the floats of scratch memory that it needs for n
-// values.
+// How many pixels `lrn` treats side by side, and the floats of scratch memory that each thread
+// needs for n values.
 inline constexpr std::size_t kLrnBlockPixels = 8;
 std::size_t lrn_scratch_floats(std::size_t n, std::size_t channels);
 
 // scale[i] = k + the sum of factor * x^2 over the neighbouring channels that exist, subtracting and
 // adding as the window moves; output[i] = scale[i]^power * input[i], i < n. The power is an
 // approximation by bit manipulation, good to about four digits. The last pixel may be incomplete.
+// The result does not depend on the number of threads.
 void lrn(const Lrn& lrn, const float* input, float* scale, float* output, std::size_t n,
-         float* scratch);
+         float* scratch, Workers& workers);
 
 // squares[i] = input[i]^2; i < n.
 void square(const float* input, float* squares, std::size_t n);
@@ -193,16 +181,18 @@ std::size_t conv_scratch_floats(const ConvSizes& sizes);
 // output pixel p, channel m = sum over the patch of p with weight row m (+ bias; null: none). Taps
 // outside the image count as zeros. `input` and `output` point at the group's first channel;
 // weights: `kernels` rows of patch_floats. The bias is repeated over the product, image after
-// image. Agrees with the sums to rounding. Input and output are different arrays.
+// image. The steps follow, their parameters for the group's channels. Agrees with the sums to
+// rounding. Input and output are different arrays.
 void convolve(const ConvSizes& sizes, const float* input, const float* weights, const float* bias,
-              std::size_t bias_count, float* output, float* scratch);
+              std::size_t bias_count, const ElementSteps& steps, float* output, float* scratch);
 
 // A convolution whose every channel has a group, and one kernel, of its own. weights: one row of
-// `channels` values for each tap; bias: one value for each channel; null: none. Taps outside the
-// image count as zeros. Input and output are different arrays. The result does not depend on the
-// number of threads; it agrees with the sums to rounding.
+// `channels` values for each tap; bias: one value for each channel; null: none. The steps follow.
+// Taps outside the image count as zeros. Input and output are different arrays. The result does not
+// depend on the number of threads; it agrees with the sums to rounding.
 void convolve_depthwise(const ConvSizes& sizes, const float* input, const float* weights,
-                        const float* bias, float* output, Workers& workers);
+                        const float* bias, const ElementSteps& steps, float* output,
+                        Workers& workers);
 
 // output[n][m] = sum over k of weights[k][m] * input[n][k], for `batch` rows n, k in order. The
 // result does not depend on the number of threads; processors may differ in rounding.

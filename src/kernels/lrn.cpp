@@ -1,7 +1,10 @@
 // Local response normalisation in blocks of pixels. The running sum of one pixel is a chain of
 // additions in a fixed order, so several pixels are summed side by side; the power is vectorised
 // across elements.
+#include <algorithm>
+
 #include "kernels/kernels.h"
+#include "kernels/workers.h"
 
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "kernels/lrn.cpp"
@@ -103,8 +106,9 @@ void denominators(const Lrn& p, std::size_t channels, const float* squares, floa
   }
 }
 
-void lrn(const Lrn& p, const float* input, float* scale, float* output, std::size_t n,
-         float* scratch) {
+// n values that begin with a pixel.
+void lrn_piece(const Lrn& p, const float* input, float* scale, float* output, std::size_t n,
+               float* scratch) {
   const std::size_t block = lrn_scratch_floats(n, p.channels);
   for (std::size_t start = 0; start < n;) {
     const std::size_t left = n - start;
@@ -127,16 +131,29 @@ HWY_AFTER_NAMESPACE();
 
 #if HWY_ONCE
 namespace ravu::kernels {
+namespace {
 
-HWY_EXPORT(lrn);
+HWY_EXPORT(lrn_piece);
+
+constexpr std::size_t kTaskFloats = std::size_t{1} << 14;  // about
+
+}  // namespace
 
 std::size_t lrn_scratch_floats(std::size_t n, std::size_t channels) {
   return n / kLrnBlockPixels < channels ? channels : channels * kLrnBlockPixels;
 }
 
 void lrn(const Lrn& p, const float* input, float* scale, float* output, std::size_t n,
-         float* scratch) {
-  HWY_DYNAMIC_DISPATCH(lrn)(p, input, scale, output, n, scratch);
+         float* scratch, Workers& workers) {
+  const auto run_piece = HWY_DYNAMIC_DISPATCH(lrn_piece);
+  const std::size_t block = p.channels * kLrnBlockPixels;
+  const std::size_t piece = std::max<std::size_t>(kTaskFloats / block, 1) * block;
+  const std::size_t own_scratch = lrn_scratch_floats(n, p.channels);
+  workers.run((n + piece - 1) / piece, [&](std::size_t index, std::size_t worker) {
+    const std::size_t start = index * piece;
+    run_piece(p, input + start, scale + start, output + start, std::min(piece, n - start),
+              scratch + worker * own_scratch);
+  });
 }
 
 }  // namespace ravu::kernels

@@ -12,21 +12,22 @@ namespace ravu::kernels {
 namespace {
 
 constexpr std::size_t kSliceDepth = 1024;  // floats of a patch in a slice
-constexpr std::size_t kBlockPixels = 192;  // output pixels of a block, about
+constexpr std::size_t kBlockPixels = 204;  // output pixels of a block at most: whole tiles
+constexpr std::size_t kMostPixels = kBlockPixels;
+static_assert(kBlockPixels % kTilePixels == 0);
 
 // A rectangle of output pixels that is computed as a whole.
 struct Block {
   std::size_t row, column, rows, columns;
 };
 
-// Where a block's patches begin and its results go.
+// Where the patches of a block's pixels begin and their results go. The last pixel is repeated
+// until the tiles are full.
 struct Field {
-  const float* origin;  // the patch of the block's first pixel
-  std::size_t row_floats, pixel_floats;
-  std::size_t row_step, column_step;  // floats from one pixel's patch to the next one's
-  std::size_t columns, pixels;
-  float* output;
-  std::size_t out_row, out_pixel;  // floats from one row and pixel of the output to the next
+  std::size_t row_floats, pixel_floats;  // of the data that the patches are read from
+  std::size_t pixels;
+  const float* patches[kMostPixels];
+  float* outputs[kMostPixels];
 };
 
 // Output channels [first, first + channels).
@@ -36,44 +37,57 @@ struct Panel {
   const float* bias;
 };
 
-// The tile from `pixel` on. Pixels beyond the field repeat the last one and write into `spare`.
-void place_tile(const Field& field, std::size_t pixel, std::size_t channel, float* spare,
-                std::size_t width, Tile& tile) {
-  std::size_t y = pixel / field.columns;
-  std::size_t x = pixel % field.columns;
-  for (std::size_t p = 0; p < kTilePixels; ++p) {
-    tile.pixels[p] = field.origin + y * field.row_step + x * field.column_step;
-    tile.outputs[p] = pixel + p < field.pixels
-                          ? field.output + y * field.out_row + x * field.out_pixel + channel
-                          : spare + p * width;
-    if (pixel + p + 1 >= field.pixels) continue;
-    if (++x == field.columns) {
-      x = 0;
-      ++y;
+constexpr std::size_t kWidth = kMaxTileVectors * kMaxTileLanes;  // of the widest panel
+
+// What follows the sums of one panel, in arrays that may be read in whole vectors.
+class PanelEnd {
+ public:
+  PanelEnd(const Panel& panel, const ElementSteps& steps)
+      : bias_(widened(panel.bias, panel, bias_floats_)), steps_(steps.from_channel(panel.first)) {
+    float(*to)[2][kWidth] = parameters_;
+    for (ElementStep& step : steps_) {
+      step.first = widened(step.first, panel, (*to)[0]);
+      step.second = widened(step.second, panel, (*to)[1]);
+      ++to;
     }
   }
-}
+  PanelEnd(const PanelEnd&) = delete;
+  PanelEnd& operator=(const PanelEnd&) = delete;
+
+  const float* bias() const { return bias_; }
+  const ElementSteps* steps() const { return steps_.empty() ? nullptr : &steps_; }
+
+ private:
+  static const float* widened(const float* values, const Panel& panel, float* to) {
+    if (values == nullptr) return nullptr;
+    std::fill(std::copy_n(values, panel.channels, to), to + kWidth, 0.0F);
+    return to;
+  }
+
+  float bias_floats_[kWidth];
+  float parameters_[ElementSteps::kMost][2][kWidth];
+  const float* bias_;
+  ElementSteps steps_;
+};
 
 // Runs a tile whose outputs do not end with a whole vector on rows of its own.
 void multiply_ragged_tile(MultiplyTile multiply, const TileSlice& slice, const Panel& panel,
-                          const Tile& tile, float* rows, std::size_t width) {
-  Tile own = tile;
+                          const Tile& tile, float* rows) {
+  float* own[kTilePixels];
   for (std::size_t p = 0; p < kTilePixels; ++p) {
-    own.outputs[p] = rows + p * width;
-    if (slice.continues) std::copy_n(tile.outputs[p], panel.channels, own.outputs[p]);
+    own[p] = rows + p * kWidth;
+    if (slice.continues) std::copy_n(tile.outputs[p] + tile.channel, panel.channels, own[p]);
   }
-  multiply(slice, own);
+  multiply(slice, {tile.pixels, own, 0});
   for (std::size_t p = 0; p < kTilePixels; ++p) {
-    std::copy_n(own.outputs[p], panel.channels, tile.outputs[p]);
+    std::copy_n(own[p], panel.channels, tile.outputs[p] + tile.channel);
   }
 }
 
-void multiply_panel(const PackedConv& packed, const Field& field, const Panel& panel) {
-  constexpr std::size_t kWidth = kMaxTileVectors * kMaxTileLanes;
-  alignas(64) float spare[kTilePixels * kWidth] = {};
+void multiply_panel(const PackedConv& packed, const Field& field, const Panel& panel,
+                    const ElementSteps& steps) {
   alignas(64) float rows[kTilePixels * kWidth] = {};
-  alignas(64) float bias[kWidth] = {};
-  if (panel.bias != nullptr) std::copy_n(panel.bias, panel.channels, bias);
+  const PanelEnd end(panel, steps);
   const MultiplyTile multiply = tile_loop(panel.vectors);
   const std::size_t width = panel.vectors * packed.lanes;
   const float* weights = panel.weights;
@@ -85,15 +99,15 @@ void multiply_panel(const PackedConv& packed, const Field& field, const Panel& p
                           .row_floats = field.row_floats,
                           .pixel_floats = field.pixel_floats,
                           .weights = weights,
-                          .bias = last && panel.bias != nullptr ? bias : nullptr,
+                          .bias = last ? end.bias() : nullptr,
+                          .steps = last ? end.steps() : nullptr,
                           .continues = s != 0};
     for (std::size_t pixel = 0; pixel < field.pixels; pixel += kTilePixels) {
-      Tile tile;
-      place_tile(field, pixel, panel.first, spare, kWidth, tile);
+      const Tile tile{field.patches + pixel, field.outputs + pixel, panel.first};
       if (panel.channels == width) {
         multiply(slice, tile);
       } else {
-        multiply_ragged_tile(multiply, slice, panel, tile, rows, kWidth);
+        multiply_ragged_tile(multiply, slice, panel, tile, rows);
       }
     }
     weights += part.depth * width;
@@ -101,7 +115,8 @@ void multiply_panel(const PackedConv& packed, const Field& field, const Panel& p
 }
 
 void multiply_panels(const PackedConv& packed, const Field& field, const float* bias,
-                     std::size_t kernels, std::size_t first_panel, std::size_t end_panel) {
+                     const ElementSteps& steps, std::size_t kernels, std::size_t first_panel,
+                     std::size_t end_panel) {
   for (std::size_t p = first_panel; p < end_panel; ++p) {
     const std::size_t first = p * packed.panel_width;
     const std::size_t channels = std::min(kernels - first, packed.panel_width);
@@ -110,8 +125,28 @@ void multiply_panels(const PackedConv& packed, const Field& field, const float* 
                     .channels = channels,
                     .vectors = (channels + packed.lanes - 1) / packed.lanes,
                     .weights = packed.weights.data() + first * packed.depth,
-                    .bias = bias == nullptr ? nullptr : bias + first});
+                    .bias = bias == nullptr ? nullptr : bias + first},
+                   steps);
   }
+}
+
+// Where neither padding nor stride keeps rows and images apart, all pixels are one row: its blocks
+// have any number of pixels.
+ConvSizes joined(const ConvSizes& sizes) {
+  ConvSizes s = sizes;
+  const bool one_tap = s.kernel_h == 1 && s.kernel_w == 1;
+  const bool dense = s.stride_h == 1 && s.stride_w == 1 && s.pad_h == 0 && s.pad_w == 0 &&
+                     s.rows == s.height && s.columns == s.width;
+  if (!one_tap || !dense) return s;
+  s.width *= s.height;
+  s.columns = s.width;
+  s.height = s.rows = 1;
+  if (s.out_image != s.columns * s.out_channels) return s;
+  s.width *= s.batch;
+  s.columns = s.width;
+  s.out_image *= s.batch;
+  s.batch = 1;
+  return s;
 }
 
 // Whether the patches can be read in the input itself.
@@ -139,12 +174,19 @@ std::size_t copy_floats(const ConvSizes& s, std::size_t rows, std::size_t column
   return floats;
 }
 
-// Rows and columns of the blocks that the output is cut into, about kBlockPixels each, fewer where
-// their input would not fit the scratch area.
+// The size of the parts when `whole` is cut into as few as possible, all about equal, of `most` at
+// most.
+std::size_t even_part(std::size_t whole, std::size_t most) {
+  const std::size_t parts = std::max<std::size_t>((whole + most - 1) / most, 1);
+  return std::max<std::size_t>((whole + parts - 1) / parts, 1);
+}
+
+// Rows and columns of the blocks that the output is cut into: kBlockPixels at most, fewer where
+// their input would not fit the scratch area. A row that is cut is cut into whole tiles.
 Block block_size(const ConvSizes& s) {
-  Block block{0, 0, 1, std::clamp<std::size_t>(s.columns, 1, kBlockPixels)};
-  block.rows =
-      std::clamp<std::size_t>(kBlockPixels / block.columns, 1, std::max<std::size_t>(s.rows, 1));
+  std::size_t columns = even_part(s.columns, kBlockPixels);
+  if (columns < s.columns) columns = (columns + kTilePixels - 1) / kTilePixels * kTilePixels;
+  Block block{0, 0, even_part(s.rows, kBlockPixels / columns), columns};
   if (reads_in_place(s)) return block;
   while (copy_floats(s, block.rows, block.columns) > kMaxPackedScratch) {
     std::size_t& longer = block.rows > 1 ? block.rows : block.columns;
@@ -185,29 +227,31 @@ void copy_input(const ConvSizes& s, const float* image, const Block& block, floa
   }
 }
 
-Field place_field(const ConvSizes& s, const float* image, float* output, const Block& block,
-                  float* scratch) {
+void place_field(const ConvSizes& s, const float* image, float* output, const Block& block,
+                 float* scratch, Field& field) {
   const bool in_place = reads_in_place(s);
-  const std::size_t pixel_floats = in_place ? s.channels : s.group_channels;
-  const std::size_t row_floats =
-      pixel_floats * (in_place ? s.width : read_columns(s, block.columns));
+  field.pixel_floats = in_place ? s.channels : s.group_channels;
+  field.row_floats = field.pixel_floats * (in_place ? s.width : read_columns(s, block.columns));
   const float* origin = scratch;
   if (in_place) {
-    origin = image + (s.shift_h + block.row * s.stride_h) * row_floats +
-             (s.shift_w + block.column * s.stride_w) * pixel_floats;
+    origin = image + (s.shift_h + block.row * s.stride_h) * field.row_floats +
+             (s.shift_w + block.column * s.stride_w) * field.pixel_floats;
   } else {
     copy_input(s, image, block, scratch);
   }
-  return {.origin = origin,
-          .row_floats = row_floats,
-          .pixel_floats = pixel_floats,
-          .row_step = s.stride_h * row_floats,
-          .column_step = s.stride_w * pixel_floats,
-          .columns = block.columns,
-          .pixels = block.rows * block.columns,
-          .output = output + (block.row * s.columns + block.column) * s.out_channels,
-          .out_row = s.columns * s.out_channels,
-          .out_pixel = s.out_channels};
+  field.pixels = 0;
+  for (std::size_t y = 0; y < block.rows; ++y) {
+    const float* patch = origin + y * s.stride_h * field.row_floats;
+    float* to = output + ((block.row + y) * s.columns + block.column) * s.out_channels;
+    for (std::size_t x = 0; x < block.columns; ++x, ++field.pixels) {
+      field.patches[field.pixels] = patch + x * s.stride_w * field.pixel_floats;
+      field.outputs[field.pixels] = to + x * s.out_channels;
+    }
+  }
+  for (; field.pixels % kTilePixels != 0; ++field.pixels) {
+    field.patches[field.pixels] = field.patches[field.pixels - 1];
+    field.outputs[field.pixels] = field.outputs[field.pixels - 1];
+  }
 }
 
 // Whether any of the `kernels` weight rows has a weight for this tap.
@@ -253,8 +297,8 @@ void choose_runs(const ConvSizes& s, const float* weights, PackedConv& packed) {
 
 // Writes the rows of one panel: `width` weights for each float of the patch, zeros behind the
 // `channels` that exist.
-float* pack_panel(const ConvSizes& s, const float* weights, const PackedConv& packed,
-                  std::size_t channels, std::size_t width, float* to) {
+void pack_panel(const ConvSizes& s, const float* weights, const PackedConv& packed,
+                std::size_t channels, std::size_t width, float* to) {
   const std::size_t patch = patch_floats(s);
   for (const PatchRun& run : packed.runs) {
     const float* from = weights + (run.row * s.kernel_w + run.column) * s.group_channels;
@@ -263,19 +307,21 @@ float* pack_panel(const ConvSizes& s, const float* weights, const PackedConv& pa
       std::fill(to + channels, to + width, 0.0F);
     }
   }
-  return to;
 }
+
+// So many that threads which draw them finish at about the same time.
+constexpr std::size_t kTasksPerThread = 12;
 
 // How many parts the panels are cut into when there are too few blocks for the threads.
 std::size_t panel_groups(std::size_t blocks, std::size_t panels, std::size_t threads) {
   if (threads == 1) return 1;
-  const std::size_t wanted = (4 * threads + blocks - 1) / blocks;
+  const std::size_t wanted = (kTasksPerThread * threads + blocks - 1) / blocks;
   return std::clamp<std::size_t>(wanted, 1, std::max<std::size_t>(panels, 1));
 }
 
 }  // namespace
 
-PackedConv pack_conv(const ConvSizes& sizes, const float* weights) {
+PackedConv pack_conv(const ConvSizes& sizes, const float* weights, Workers& workers) {
   const TileVectors vectors = tile_vectors();
   PackedConv packed;
   packed.lanes = vectors.lanes;
@@ -284,12 +330,13 @@ PackedConv pack_conv(const ConvSizes& sizes, const float* weights) {
   packed.kernels = sizes.kernels;
   choose_runs(sizes, weights, packed);
   packed.weights = AlignedFloats(packed.depth * whole_vectors(sizes.kernels, packed.lanes));
-  float* to = packed.weights.data();
-  for (std::size_t first = 0; first < sizes.kernels; first += packed.panel_width) {
+  const std::size_t panels = (sizes.kernels + packed.panel_width - 1) / packed.panel_width;
+  workers.run(panels, [&](std::size_t panel, std::size_t) {
+    const std::size_t first = panel * packed.panel_width;
     const std::size_t channels = std::min(sizes.kernels - first, packed.panel_width);
-    to = pack_panel(sizes, weights + first * patch_floats(sizes), packed, channels,
-                    whole_vectors(channels, packed.lanes), to);
-  }
+    pack_panel(sizes, weights + first * packed.patch, packed, channels,
+               whole_vectors(channels, packed.lanes), packed.weights.data() + first * packed.depth);
+  });
   return packed;
 }
 
@@ -304,9 +351,11 @@ bool packed_for(const PackedConv& packed, const ConvSizes& sizes) {
          packed_scratch_floats(sizes) <= kMaxPackedScratch;
 }
 
-void convolve_packed(const ConvSizes& s, const float* input, const PackedConv& packed,
-                     const float* bias, float* output, float* scratch, Workers& workers) {
-  if (s.rows == 0 || s.columns == 0) return;
+void convolve_packed(const ConvSizes& sizes, const float* input, const PackedConv& packed,
+                     const float* bias, const ElementSteps& steps, float* output, float* scratch,
+                     Workers& workers) {
+  const ConvSizes s = joined(sizes);
+  if (s.batch == 0 || s.rows == 0 || s.columns == 0) return;
   const Block size = block_size(s);
   const std::size_t across = (s.columns + size.columns - 1) / size.columns;
   const std::size_t blocks = (s.rows + size.rows - 1) / size.rows * across;
@@ -320,10 +369,10 @@ void convolve_packed(const ConvSizes& s, const float* input, const PackedConv& p
     Block block{place / across * size.rows, place % across * size.columns, 0, 0};
     block.rows = std::min(size.rows, s.rows - block.row);
     block.columns = std::min(size.columns, s.columns - block.column);
-    const Field field =
-        place_field(s, input + image * s.height * s.width * s.channels,
-                    output + image * s.out_image, block, scratch + worker * scratch_floats);
-    multiply_panels(packed, field, bias, s.kernels, group * panels / groups,
+    Field field;
+    place_field(s, input + image * s.height * s.width * s.channels, output + image * s.out_image,
+                block, scratch + worker * scratch_floats, field);
+    multiply_panels(packed, field, bias, steps, s.kernels, group * panels / groups,
                     (group + 1) * panels / groups);
   });
 }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "kernels/aligned_floats.h"
+#include "kernels/element_steps.h"
 #include "kernels/kernels.h"
 
 namespace ravu::kernels {
@@ -39,7 +40,7 @@ struct PackedConv {
 
 // Packs `kernels` weight rows of patch_floats. Taps whose weights are zero for every output channel
 // are left out: they cost nothing. Throws std::bad_alloc.
-PackedConv pack_conv(const ConvSizes& sizes, const float* weights);
+PackedConv pack_conv(const ConvSizes& sizes, const float* weights, Workers& workers);
 
 // Floats of scratch memory that each thread wants for such a convolution; more than
 // kMaxPackedScratch: the sizes are too large for this form.
@@ -49,10 +50,12 @@ std::size_t packed_scratch_floats(const ConvSizes& sizes);
 // Whether the weights were packed for these sizes, as far as a layer's can change.
 bool packed_for(const PackedConv& packed, const ConvSizes& sizes);
 
-// The sums of `convolve`, in another order that depends on the sizes alone. The bias has one value
-// for each output channel of the group; null: none. `scratch` has packed_scratch_floats for each
-// thread. The result does not depend on the number of threads.
+// The sums of `convolve`, in another order that depends on the sizes alone, and then the steps. The
+// bias and the steps' parameters have one value for each output channel of the group; null: no
+// bias. `scratch` has packed_scratch_floats for each thread. The result does not depend on the
+// number of threads.
 void convolve_packed(const ConvSizes& sizes, const float* input, const PackedConv& packed,
-                     const float* bias, float* output, float* scratch, Workers& workers);
+                     const float* bias, const ElementSteps& steps, float* output, float* scratch,
+                     Workers& workers);
 
 }  // namespace ravu::kernels

@@ -4,6 +4,7 @@
 #include <limits>
 
 #include "kernels/kernels.h"
+#include "kernels/workers.h"
 
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "kernels/pooling.cpp"
@@ -84,29 +85,26 @@ Span span_of(std::size_t o, std::size_t outputs, std::size_t inputs, std::size_t
   return {start, length > cut ? length - cut : 0};
 }
 
+// Output row y of one image.
 template <class Rule>
-void pool(const PoolingSizes& s, const float* input, float* output, float area) {
+void pool_row(const PoolingSizes& s, const float* image, std::size_t y, float area, float* output) {
   const std::size_t row_stride = s.width * s.channels;
-  for (std::size_t n = 0; n < s.batch; ++n, input += s.height * row_stride) {
-    for (std::size_t y = 0; y < s.out_height; ++y) {
-      const Span rows = span_of(y, s.out_height, s.height, s.kernel_h, s.stride_h, s.pad_h);
-      for (std::size_t x = 0; x < s.out_width; ++x, output += s.channels) {
-        const Span columns = span_of(x, s.out_width, s.width, s.kernel_w, s.stride_w, s.pad_w);
-        const Window window{input + rows.start * row_stride + columns.start * s.channels,
-                            rows.length, columns.length, row_stride};
-        pool_pixel<Rule>(window, s.channels, area, output);
-      }
-    }
+  const Span rows = span_of(y, s.out_height, s.height, s.kernel_h, s.stride_h, s.pad_h);
+  for (std::size_t x = 0; x < s.out_width; ++x, output += s.channels) {
+    const Span columns = span_of(x, s.out_width, s.width, s.kernel_w, s.stride_w, s.pad_w);
+    const Window window{image + rows.start * row_stride + columns.start * s.channels, rows.length,
+                        columns.length, row_stride};
+    pool_pixel<Rule>(window, s.channels, area, output);
   }
 }
 
-void max_pooling(const PoolingSizes& sizes, const float* input, float* output) {
-  pool<Maximum>(sizes, input, output, 1.0F);
+void max_row(const PoolingSizes& sizes, const float* image, std::size_t y, float* output) {
+  pool_row<Maximum>(sizes, image, y, 1.0F, output);
 }
 
 // Kept: the divisor is the full window area, whatever the shortened window holds.
-void average_pooling(const PoolingSizes& sizes, const float* input, float* output) {
-  pool<Sum>(sizes, input, output, static_cast<float>(sizes.kernel_h * sizes.kernel_w));
+void average_row(const PoolingSizes& sizes, const float* image, std::size_t y, float* output) {
+  pool_row<Sum>(sizes, image, y, static_cast<float>(sizes.kernel_h * sizes.kernel_w), output);
 }
 
 }  // namespace
@@ -115,16 +113,40 @@ HWY_AFTER_NAMESPACE();
 
 #if HWY_ONCE
 namespace ravu::kernels {
+namespace {
 
-HWY_EXPORT(max_pooling);
-HWY_EXPORT(average_pooling);
+HWY_EXPORT(max_row);
+HWY_EXPORT(average_row);
 
-void max_pooling(const PoolingSizes& sizes, const float* input, float* output) {
-  HWY_DYNAMIC_DISPATCH(max_pooling)(sizes, input, output);
+constexpr std::size_t kTaskFloats = std::size_t{1} << 15;  // of the input, about
+
+using PoolRow = void (*)(const PoolingSizes& sizes, const float* image, std::size_t y,
+                         float* output);
+
+void pool(const PoolingSizes& s, const float* input, float* output, PoolRow pool_row,
+          Workers& workers) {
+  const std::size_t rows = s.batch * s.out_height;
+  const std::size_t out_row = s.out_width * s.channels;
+  const std::size_t read = std::min(s.kernel_h, s.height) * s.width * s.channels;
+  const std::size_t task_rows = std::max<std::size_t>(kTaskFloats / (read + 1), 1);
+  workers.run((rows + task_rows - 1) / task_rows, [&](std::size_t task, std::size_t) {
+    const std::size_t end = std::min(rows, (task + 1) * task_rows);
+    for (std::size_t row = task * task_rows; row < end; ++row) {
+      const float* image = input + row / s.out_height * s.height * s.width * s.channels;
+      pool_row(s, image, row % s.out_height, output + row * out_row);
+    }
+  });
 }
 
-void average_pooling(const PoolingSizes& sizes, const float* input, float* output) {
-  HWY_DYNAMIC_DISPATCH(average_pooling)(sizes, input, output);
+}  // namespace
+
+void max_pooling(const PoolingSizes& sizes, const float* input, float* output, Workers& workers) {
+  pool(sizes, input, output, HWY_DYNAMIC_DISPATCH(max_row), workers);
+}
+
+void average_pooling(const PoolingSizes& sizes, const float* input, float* output,
+                     Workers& workers) {
+  pool(sizes, input, output, HWY_DYNAMIC_DISPATCH(average_row), workers);
 }
 
 }  // namespace ravu::kernels

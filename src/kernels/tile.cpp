@@ -7,6 +7,8 @@
 #include <hwy/foreach_target.h>
 #include <hwy/highway.h>
 
+#include "kernels/element_steps-inl.h"
+
 HWY_BEFORE_NAMESPACE();
 namespace ravu::kernels::HWY_NAMESPACE {
 namespace {
@@ -34,7 +36,8 @@ HWY_NOINLINE void multiply_tile(const TileSlice& slice, const Tile& tile) {
   for (std::size_t p = 0; p < kTilePixels; ++p) {
 #pragma GCC unroll 8
     for (std::size_t v = 0; v < kVectors; ++v) {
-      sums[p][v] = slice.continues ? hn::LoadU(d, tile.outputs[p] + v * lanes) : hn::Zero(d);
+      const float* output = tile.outputs[p] + tile.channel + v * lanes;
+      sums[p][v] = slice.continues ? hn::LoadU(d, output) : hn::Zero(d);
     }
   }
   const float* HWY_RESTRICT weights = slice.weights;
@@ -61,10 +64,17 @@ HWY_NOINLINE void multiply_tile(const TileSlice& slice, const Tile& tile) {
 #pragma GCC unroll 8
   for (std::size_t v = 0; v < kVectors; ++v) {
     const auto bias = slice.bias == nullptr ? hn::Zero(d) : hn::LoadU(d, slice.bias + v * lanes);
+    Vector results[kTilePixels];
 #pragma GCC unroll 8
     for (std::size_t p = 0; p < kTilePixels; ++p) {
-      const auto sum = slice.bias == nullptr ? sums[p][v] : hn::Add(sums[p][v], bias);
-      hn::StoreU(sum, d, tile.outputs[p] + v * lanes);
+      results[p] = slice.bias == nullptr ? sums[p][v] : hn::Add(sums[p][v], bias);
+    }
+    if (slice.steps != nullptr) {
+      apply_steps<Lie::kSameChannels>(d, *slice.steps, v * lanes, results);
+    }
+#pragma GCC unroll 8
+    for (std::size_t p = 0; p < kTilePixels; ++p) {
+      hn::StoreU(results[p], d, tile.outputs[p] + tile.channel + v * lanes);
     }
   }
 }

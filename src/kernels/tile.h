@@ -4,16 +4,19 @@
 
 #include <cstddef>
 
+#include "kernels/element_steps.h"
 #include "kernels/packed_conv.h"
 
 namespace ravu::kernels {
 
 inline constexpr std::size_t kTilePixels = 6;
 
-// What a tile reads and writes; all pointers are valid, several may be equal.
+// What a tile reads and writes: kTilePixels pixels. A pixel may stand there several times, with the
+// same output: it is computed as often.
 struct Tile {
-  const float* pixels[kTilePixels];  // the first float of each pixel's patch
-  float* outputs[kTilePixels];
+  const float* const* pixels;  // the first float of each pixel's patch
+  float* const* outputs;       // the first output channel of each pixel
+  std::size_t channel;         // the first one that is computed
 };
 
 // The part of the patches that a call adds up, and the weights that go with it.
@@ -23,6 +26,7 @@ struct TileSlice {
   std::size_t row_floats, pixel_floats;  // of the data that the patches are read from
   const float* weights;                  // aligned to whole vectors; a row per patch float
   const float* bias;                     // added at the end; null: none
+  const ElementSteps* steps;             // done after that, on whole vectors; null: none
   bool continues;                        // whether the outputs hold sums to go on from
 };
 

@@ -13,59 +13,118 @@
 namespace ravu::kernels {
 namespace {
 
-constexpr std::size_t kScratchFloats = std::size_t{1} << 20;  // 4 MiB of tiles and sums
+constexpr std::size_t kScratchFloats = std::size_t{1} << 21;  // 8 MiB of tiles and sums
 constexpr std::size_t kMostTiles = 240;
 constexpr std::size_t kLeastChannels = 16;  // of the input and of the output
 constexpr std::size_t kMostChannels = 1024;
-constexpr std::size_t kLeastPixels = 144;  // of the output
-constexpr std::size_t kTilesInTask = 8;    // of the transforms
+constexpr std::size_t kLeastPixels = 144;      // of the output
+constexpr std::size_t kLeastSmallPixels = 36;  // with tiles of two
+constexpr std::size_t kLeastSmallChannels = 32;
+constexpr std::size_t kTilesInTask = 8;  // of the transforms
+constexpr std::size_t kMaxSide = 4;
+constexpr std::size_t kMaxProducts = (kMaxSide + 2) * (kMaxSide + 2);
+
+std::size_t side_of(const WinogradConv& packed) {
+  return static_cast<std::size_t>(packed.side);
+}
+
+std::size_t products_of(std::size_t side) {
+  return (side + 2) * (side + 2);
+}
 
 // Tiles of one image, row by row.
 struct TileGrid {
   std::size_t rows, columns;
 };
 
-TileGrid grid_of(const ConvSizes& s) {
-  const auto tiles = [](std::size_t pixels) {
-    return (pixels + kWinogradOutput - 1) / kWinogradOutput;
-  };
-  return {tiles(s.rows), tiles(s.columns)};
+TileGrid grid_of(const ConvSizes& s, std::size_t side) {
+  return {(s.rows + side - 1) / side, (s.columns + side - 1) / side};
 }
 
-// Tiles that are treated together.
-std::size_t block_tiles(const ConvSizes& s, std::size_t width) {
-  const TileGrid grid = grid_of(s);
-  const std::size_t fitting = kScratchFloats / (kWinogradProducts * (s.group_channels + width));
+// Tiles that are treated together: a block of them, whole or cut, and one pixel of zeros fit the
+// scratch area.
+std::size_t block_tiles(const ConvSizes& s, std::size_t side, std::size_t width) {
+  const TileGrid grid = grid_of(s, side);
+  const std::size_t fitting =
+      (kScratchFloats - s.group_channels) / (products_of(side) * (s.group_channels + width));
   const std::size_t most = std::clamp<std::size_t>(fitting, 1, kMostTiles);
   return std::min(most, s.batch * grid.rows * grid.columns);
 }
 
-// One kernel's 3 x 3 weights for one channel, which stand `stride` floats apart, become 36 factors.
-std::array<float, kWinogradProducts> transform_kernel(const float* weights, std::size_t stride) {
-  constexpr std::array<std::array<double, 3>, kWinogradTile> kFactors{
-      {{1.0 / 4, 0, 0},
-       {-1.0 / 6, -1.0 / 6, -1.0 / 6},
-       {-1.0 / 6, 1.0 / 6, -1.0 / 6},
-       {1.0 / 24, 1.0 / 12, 1.0 / 6},
-       {1.0 / 24, -1.0 / 12, 1.0 / 6},
-       {0, 0, 1}}};
-  std::array<float, kWinogradProducts> result;
-  for (std::size_t i = 0; i < kWinogradTile; ++i) {
-    for (std::size_t j = 0; j < kWinogradTile; ++j) {
-      double sum = 0;
-      for (std::size_t y = 0; y < 3; ++y) {
-        for (std::size_t x = 0; x < 3; ++x) {
-          sum += kFactors[i][y] * kFactors[j][x] * weights[(y * 3 + x) * stride];
-        }
+using KernelFactors = std::array<double, 3>;
+constexpr KernelFactors kFactorsOfTwo[] = {
+    {1, 0, 0}, {1.0 / 2, 1.0 / 2, 1.0 / 2}, {1.0 / 2, -1.0 / 2, 1.0 / 2}, {0, 0, 1}};
+constexpr KernelFactors kFactorsOfFour[] = {{1.0 / 4, 0, 0},
+                                            {-1.0 / 6, -1.0 / 6, -1.0 / 6},
+                                            {-1.0 / 6, 1.0 / 6, -1.0 / 6},
+                                            {1.0 / 24, 1.0 / 12, 1.0 / 6},
+                                            {1.0 / 24, -1.0 / 12, 1.0 / 6},
+                                            {0, 0, 1}};
+
+// Channels that are transformed together.
+constexpr std::size_t kRunChannels = 8;
+
+// The 3 x 3 weights of one kernel for a run of channels become factors, rows first. In double
+// precision, since it is done once.
+struct KernelRun {
+  double weights[9][kRunChannels];
+  double rows[kMaxSide + 2][3][kRunChannels];
+
+  // Taps are `stride` floats apart; channels that do not exist count as zeros.
+  void load(const float* from, std::size_t stride, std::size_t channels) {
+    for (std::size_t tap = 0; tap < 9; ++tap) {
+      for (std::size_t c = 0; c < kRunChannels; ++c) {
+        weights[tap][c] = c < channels ? from[tap * stride + c] : 0.0;
       }
-      result[i * kWinogradTile + j] = static_cast<float>(sum);
     }
   }
-  return result;
+
+  void transform_rows(const KernelFactors* factors, std::size_t tile) {
+    for (std::size_t i = 0; i < tile; ++i) {
+      for (std::size_t x = 0; x < 3; ++x) {
+        for (std::size_t c = 0; c < kRunChannels; ++c) {
+          rows[i][x][c] = factors[i][0] * weights[x][c] + factors[i][1] * weights[3 + x][c] +
+                          factors[i][2] * weights[6 + x][c];
+        }
+      }
+    }
+  }
+
+  // Factor (i, j) of each channel.
+  std::array<float, kRunChannels> factor(const KernelFactors& f, std::size_t i) const {
+    std::array<float, kRunChannels> result;
+    for (std::size_t c = 0; c < kRunChannels; ++c) {
+      result[c] =
+          static_cast<float>(f[0] * rows[i][0][c] + f[1] * rows[i][1][c] + f[2] * rows[i][2][c]);
+    }
+    return result;
+  }
+};
+
+// The factors of output channels [first, first + width) of which `kernels` exist; `to` is where the
+// panel begins in the first product, and the products lie `product` floats apart.
+void pack_panel(const ConvSizes& s, std::size_t side, const float* weights, std::size_t kernels,
+                std::size_t width, std::size_t product, float* to) {
+  const KernelFactors* factors = side == 2 ? kFactorsOfTwo : kFactorsOfFour;
+  const std::size_t tile = side + 2;
+  for (std::size_t c = 0; c < s.group_channels; c += kRunChannels) {
+    const std::size_t run = std::min(kRunChannels, s.group_channels - c);
+    for (std::size_t m = 0; m < kernels; ++m) {
+      KernelRun kernel;
+      kernel.load(weights + m * patch_floats(s) + c, s.group_channels, run);
+      kernel.transform_rows(factors, tile);
+      for (std::size_t i = 0; i < tile * tile; ++i) {
+        const auto values = kernel.factor(factors[i % tile], i / tile);
+        float* place = to + i * product + c * width + m;
+        for (std::size_t k = 0; k < run; ++k) place[k * width] = values[k];
+      }
+    }
+  }
 }
 
 // The tiles [first, first + count) of the batch, their transformed values and sums.
 struct TileBlock {
+  std::size_t side;
   std::size_t first, count;
   float* tiles;  // [product][tile][channel]
   float* sums;   // [product][tile][output channel], whole vectors
@@ -73,35 +132,43 @@ struct TileBlock {
 
 void transform_tiles(const ConvSizes& s, const float* input, const TileBlock& block,
                      const float* zeros, std::size_t begin, std::size_t end) {
-  const TileGrid grid = grid_of(s);
+  const std::size_t side = block.side;
+  const TileGrid grid = grid_of(s, side);
   for (std::size_t t = begin; t < end; ++t) {
     const std::size_t place = (block.first + t) % (grid.rows * grid.columns);
     const std::size_t image = (block.first + t) / (grid.rows * grid.columns);
-    const std::size_t top = place / grid.columns * kWinogradOutput;
-    const std::size_t left = place % grid.columns * kWinogradOutput;
-    const float* pixels[kWinogradProducts];
-    for (std::size_t i = 0; i < kWinogradProducts; ++i) {
-      const std::size_t y = top + i / kWinogradTile;
-      const std::size_t x = left + i % kWinogradTile;
+    const std::size_t top = place / grid.columns * side;
+    const std::size_t left = place % grid.columns * side;
+    const float* pixels[kMaxProducts];
+    for (std::size_t i = 0; i < products_of(side); ++i) {
+      const std::size_t y = top + i / (side + 2);
+      const std::size_t x = left + i % (side + 2);
       const bool inside =
           y >= s.pad_h && y < s.pad_h + s.height && x >= s.pad_w && x < s.pad_w + s.width;
       pixels[i] =
           inside ? input + ((image * s.height + y - s.pad_h) * s.width + x - s.pad_w) * s.channels
                  : zeros;
     }
-    transform_tile(pixels, s.group_channels, block.tiles + t * s.group_channels,
+    transform_tile(side, pixels, s.group_channels, block.tiles + t * s.group_channels,
                    block.count * s.group_channels);
   }
 }
 
-// One of the 36 products, for all channels of the output.
+// One of the products, for all channels of the output.
 void multiply_product(const WinogradConv& packed, const TileBlock& block, std::size_t product) {
   const std::size_t out_width = whole_vectors(packed.kernels, packed.lanes);
   const PatchRun run{0, 0, static_cast<std::uint32_t>(packed.channels)};
-  alignas(64) float spare[kMaxTileVectors * kMaxTileLanes];
   const float* tiles = block.tiles + product * block.count * packed.channels;
   float* sums = block.sums + product * block.count * out_width;
   const float* weights = packed.weights.data() + product * packed.channels * out_width;
+  const float* patches[kMostTiles];
+  float* outputs[kMostTiles];
+  const std::size_t tiles_computed = (block.count + kTilePixels - 1) / kTilePixels * kTilePixels;
+  for (std::size_t t = 0; t < tiles_computed; ++t) {
+    const std::size_t existing = std::min(t, block.count - 1);
+    patches[t] = tiles + existing * packed.channels;
+    outputs[t] = sums + existing * out_width;
+  }
   for (std::size_t first = 0; first < out_width; first += packed.panel_width) {
     const std::size_t width = std::min(packed.panel_width, out_width - first);
     const MultiplyTile multiply = tile_loop(width / packed.lanes);
@@ -111,91 +178,102 @@ void multiply_product(const WinogradConv& packed, const TileBlock& block, std::s
                           .pixel_floats = 0,
                           .weights = weights + first * packed.channels,
                           .bias = nullptr,
+                          .steps = nullptr,
                           .continues = false};
-    for (std::size_t t = 0; t < block.count; t += kTilePixels) {
-      Tile tile;
-      for (std::size_t p = 0; p < kTilePixels; ++p) {
-        const bool inside = t + p < block.count;
-        tile.pixels[p] = tiles + (inside ? t + p : block.count - 1) * packed.channels;
-        tile.outputs[p] = inside ? sums + (t + p) * out_width + first : spare;
-      }
-      multiply(slice, tile);
+    for (std::size_t t = 0; t < tiles_computed; t += kTilePixels) {
+      multiply(slice, {patches + t, outputs + t, first});
     }
   }
 }
 
 void write_outputs(const ConvSizes& s, const TileBlock& block, std::size_t out_width,
-                   const float* bias, float* output, std::size_t begin, std::size_t end) {
-  const TileGrid grid = grid_of(s);
+                   const float* bias, const ElementSteps& steps, float* output, std::size_t begin,
+                   std::size_t end) {
+  const std::size_t side = block.side;
+  const TileGrid grid = grid_of(s, side);
   for (std::size_t t = begin; t < end; ++t) {
     const std::size_t place = (block.first + t) % (grid.rows * grid.columns);
     const std::size_t image = (block.first + t) / (grid.rows * grid.columns);
-    const std::size_t top = place / grid.columns * kWinogradOutput;
-    const std::size_t left = place % grid.columns * kWinogradOutput;
-    float* pixels[kWinogradOutput * kWinogradOutput];
-    for (std::size_t i = 0; i < kWinogradOutput * kWinogradOutput; ++i) {
-      const std::size_t y = top + i / kWinogradOutput;
-      const std::size_t x = left + i % kWinogradOutput;
+    const std::size_t top = place / grid.columns * side;
+    const std::size_t left = place % grid.columns * side;
+    float* pixels[kMaxProducts];
+    for (std::size_t i = 0; i < side * side; ++i) {
+      const std::size_t y = top + i / side;
+      const std::size_t x = left + i % side;
       const bool inside = y < s.rows && x < s.columns;
       pixels[i] =
           inside ? output + image * s.out_image + (y * s.columns + x) * s.out_channels : nullptr;
     }
-    transform_sums(block.sums + t * out_width, block.count * out_width, s.kernels, bias, pixels);
+    transform_sums(side, block.sums + t * out_width, block.count * out_width, s.kernels, bias,
+                   steps, pixels);
   }
 }
 
 }  // namespace
 
-bool winograd_pays(const ConvSizes& s) {
+WinogradSide winograd_side(const ConvSizes& s) {
   const bool possible = s.kernel_h == 3 && s.kernel_w == 3 && s.stride_h == 1 && s.stride_w == 1 &&
                         s.shift_h == 0 && s.shift_w == 0;
-  return possible && s.group_channels >= kLeastChannels && s.group_channels <= kMostChannels &&
-         s.kernels >= kLeastChannels && s.kernels <= kMostChannels &&
-         s.rows * s.columns >= kLeastPixels;
+  const std::size_t fewest = std::min(s.group_channels, s.kernels);
+  const std::size_t most = std::max(s.group_channels, s.kernels);
+  if (!possible || fewest < kLeastChannels || most > kMostChannels) return WinogradSide::kNone;
+  const std::size_t pixels = s.rows * s.columns;
+  if (pixels >= kLeastPixels) return WinogradSide::kFour;
+  const bool small_pays = pixels >= kLeastSmallPixels && fewest >= kLeastSmallChannels;
+  return small_pays ? WinogradSide::kTwo : WinogradSide::kNone;
 }
 
-WinogradConv pack_winograd(const ConvSizes& s, const float* weights) {
+WinogradConv pack_winograd(const ConvSizes& s, const float* weights, Workers& workers) {
   const TileVectors vectors = tile_vectors();
   const std::size_t width = whole_vectors(s.kernels, vectors.lanes);
-  WinogradConv packed{.channels = s.group_channels,
+  const WinogradSide tiles = winograd_side(s);
+  const auto side = static_cast<std::size_t>(tiles);
+  const std::size_t product = s.group_channels * width;
+  WinogradConv packed{.side = tiles,
+                      .channels = s.group_channels,
                       .kernels = s.kernels,
                       .lanes = vectors.lanes,
                       .panel_width = vectors.lanes * vectors.most,
-                      .weights = AlignedFloats(kWinogradProducts * s.group_channels * width)};
-  float* to = packed.weights.data();
-  std::fill_n(to, packed.weights.size(), 0.0F);
-  for (std::size_t m = 0; m < s.kernels; ++m) {
-    const std::size_t first = m / packed.panel_width * packed.panel_width;
+                      .weights = AlignedFloats(products_of(side) * product)};
+  const std::size_t panels = (width + packed.panel_width - 1) / packed.panel_width;
+  workers.run(panels, [&](std::size_t panel, std::size_t) {
+    const std::size_t first = panel * packed.panel_width;
     const std::size_t panel_width = std::min(packed.panel_width, width - first);
-    for (std::size_t c = 0; c < s.group_channels; ++c) {
-      const auto factors = transform_kernel(weights + m * patch_floats(s) + c, s.group_channels);
-      const std::size_t place = first * s.group_channels + c * panel_width + (m - first);
-      for (std::size_t i = 0; i < kWinogradProducts; ++i) {
-        to[i * s.group_channels * width + place] = factors[i];
+    const std::size_t kernels = std::min(panel_width, s.kernels - first);
+    float* to = packed.weights.data() + first * s.group_channels;
+    if (kernels < panel_width) {
+      for (std::size_t i = 0; i < products_of(side); ++i) {
+        std::fill_n(to + i * product, panel_width * s.group_channels, 0.0F);
       }
     }
-  }
+    pack_panel(s, side, weights + first * patch_floats(s), kernels, panel_width, product, to);
+  });
   return packed;
 }
 
 bool packed_for(const WinogradConv& packed, const ConvSizes& sizes) {
   return packed.weights && packed.channels == sizes.group_channels &&
-         packed.kernels == sizes.kernels && winograd_pays(sizes);
+         packed.kernels == sizes.kernels && packed.side == winograd_side(sizes);
 }
 
 std::size_t winograd_scratch_floats(const ConvSizes& s) {
   const std::size_t width = whole_vectors(s.kernels, tile_vectors().lanes);
-  return kWinogradProducts * block_tiles(s, width) * (s.group_channels + width) + s.group_channels;
+  const auto side = static_cast<std::size_t>(winograd_side(s));
+  return products_of(side) * block_tiles(s, side, width) * (s.group_channels + width) +
+         s.group_channels;
 }
 
 void convolve_winograd(const ConvSizes& s, const float* input, const WinogradConv& packed,
-                       const float* bias, float* output, float* scratch, Workers& workers) {
-  const TileGrid grid = grid_of(s);
+                       const float* bias, const ElementSteps& steps, float* output, float* scratch,
+                       Workers& workers) {
+  const std::size_t side = side_of(packed);
+  const TileGrid grid = grid_of(s, side);
   const std::size_t tiles = s.batch * grid.rows * grid.columns;
   const std::size_t width = whole_vectors(s.kernels, packed.lanes);
-  const std::size_t most = block_tiles(s, width);
-  TileBlock block{0, 0, scratch, scratch + kWinogradProducts * most * s.group_channels};
-  float* zeros = block.sums + kWinogradProducts * most * width;
+  const std::size_t most = block_tiles(s, side, width);
+  const std::size_t products = products_of(side);
+  TileBlock block{side, 0, 0, scratch, scratch + products * most * s.group_channels};
+  float* zeros = block.sums + products * most * width;
   std::fill_n(zeros, s.group_channels, 0.0F);
   for (; block.first < tiles; block.first += most) {
     block.count = std::min(most, tiles - block.first);
@@ -204,11 +282,11 @@ void convolve_winograd(const ConvSizes& s, const float* input, const WinogradCon
       transform_tiles(s, input, block, zeros, task * kTilesInTask,
                       std::min(block.count, (task + 1) * kTilesInTask));
     });
-    workers.run(kWinogradProducts, [&](std::size_t product, std::size_t) {
+    workers.run(products, [&](std::size_t product, std::size_t) {
       multiply_product(packed, block, product);
     });
     workers.run(tasks, [&](std::size_t task, std::size_t) {
-      write_outputs(s, block, width, bias, output, task * kTilesInTask,
+      write_outputs(s, block, width, bias, steps, output, task * kTilesInTask,
                     std::min(block.count, (task + 1) * kTilesInTask));
     });
   }

@@ -3,16 +3,21 @@
 
 #include <cstddef>
 
+#include "kernels/element_steps.h"
+
 namespace ravu::kernels {
 
-// pixels: the 36 pixels of a tile, row by row, each with `channels` values.
-// products + i * stride: where the transformed tile's value i of each channel goes.
-void transform_tile(const float* const* pixels, std::size_t channels, float* products,
-                    std::size_t stride);
+// For tiles of side x side output pixels (2 or 4), which read side + 2 pixels each way.
 
-// products + i * stride: the sums of product i for each channel. Adds the bias (null: none) and
-// writes the 16 output pixels that exist; null: does not exist.
-void transform_sums(const float* products, std::size_t stride, std::size_t channels,
-                    const float* bias, float* const* pixels);
+// pixels: those that a tile reads, row by row, each with `channels` values.
+// products + i * stride: where the transformed tile's value i of each channel goes.
+void transform_tile(std::size_t side, const float* const* pixels, std::size_t channels,
+                    float* products, std::size_t stride);
+
+// products + i * stride: the sums of product i for each channel. Adds the bias (null: none),
+// runs the steps and writes the output pixels that exist; null: does not exist.
+void transform_sums(std::size_t side, const float* products, std::size_t stride,
+                    std::size_t channels, const float* bias, const ElementSteps& steps,
+                    float* const* pixels);
 
 }  // namespace ravu::kernels

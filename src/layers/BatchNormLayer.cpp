@@ -6,9 +6,32 @@
 #include <vector>
 
 #include "graph/PrimitiveBuilder.h"
-#include "kernels/kernels.h"
+#include "graph/fusion.h"
 
 namespace ravu {
+namespace {
+
+using kernels::ElementStep;
+
+std::optional<ElementStep> step_of(const BaseLayer& layer) {
+  const auto& norm = static_cast<const BatchNormLayer&>(layer);
+  if (!has_data(norm) || !fits(norm)) return std::nullopt;
+  const std::size_t channels = norm.divisor->dims[3];
+  if (norm.reciprocals.size() < std::min<std::size_t>(channels, last_output(norm)->count)) {
+    return std::nullopt;
+  }
+  return ElementStep{.kind = ElementStep::Kind::kNormalise,
+                     .first = norm.mean->data,
+                     .second = norm.reciprocals.data(),
+                     .period = channels};
+}
+
+}  // namespace
+
+BatchNormLayer::BatchNormLayer() {
+  element_step = step_of;
+  takes_steps = true;
+}
 
 Fit fits(const BatchNormLayer& layer) {
   const Blob* input = last_input(layer);
@@ -25,13 +48,7 @@ Fit fits(const BatchNormLayer& layer) {
 }
 
 bool BatchNormLayer::Forward(std::uint32_t) {
-  const Blob* input = last_input(*this);
-  Blob* output = last_output(*this);
-  if (!has_data(*this) || !fits(*this)) return true;
-  const std::size_t channels = divisor->dims[3];
-  if (reciprocals.size() < std::min<std::size_t>(channels, output->count)) return true;
-  kernels::normalise(input->data, output->data, output->count, mean->data, reciprocals.data(),
-                     channels);
+  forward_steps(*this);
   return true;
 }
 

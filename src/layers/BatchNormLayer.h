@@ -18,6 +18,8 @@ class BatchNormLayer : public BaseLayer {
   BlobPtr divisor;
   std::vector<float> reciprocals;  // 1 / divisor, made by Setup
 
+  BatchNormLayer();
+
   bool Forward(std::uint32_t mode) override;
   void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
                      std::uint32_t data_type, Aliases& aliases) override;

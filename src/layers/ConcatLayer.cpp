@@ -8,14 +8,42 @@
 #include <vector>
 
 #include "graph/PrimitiveBuilder.h"
+#include "graph/Workspace.h"
 
 namespace ravu {
 namespace {
+
+constexpr std::size_t kTaskFloats = std::size_t{1} << 15;  // of the output, about
 
 std::uint64_t total_channels(const ConcatLayer& layer) {
   std::uint64_t total = 0;
   for (const Blob* input : layer.inputs) total += input->dims[3];
   return total;
+}
+
+bool writes_into_an_input(const ConcatLayer& layer) {
+  const float* to = last_output(layer)->data;
+  return std::any_of(layer.inputs.begin(), layer.inputs.end(),
+                     [&](const Blob* input) { return input->data == to; });
+}
+
+// Pixels [first, end) of the output, whose last one may be cut.
+void copy_pixels(const ConcatLayer& layer, std::size_t first, std::size_t end) {
+  const Blob& output = *last_output(layer);
+  const std::size_t start = first * total_channels(layer);
+  float* to = output.data + start;
+  std::size_t left = output.count - start;
+  for (std::size_t pixel = first; pixel < end; ++pixel) {
+    for (const Blob* input : layer.inputs) {
+      const std::size_t channels = input->dims[3];
+      const std::size_t run = std::min(channels, left);
+      if (run == 0) continue;
+      // The output may be one of the inputs.
+      std::memmove(to, input->data + pixel * channels, run * sizeof(float));
+      to += run;
+      left -= run;
+    }
+  }
 }
 
 }  // namespace
@@ -56,19 +84,17 @@ bool ConcatLayer::Forward(std::uint32_t) {
       !fits(*this)) {
     return true;
   }
-  float* to = output->data;
-  std::size_t left = output->count;
-  for (std::size_t pixel = 0; left > 0; ++pixel) {
-    for (const Blob* input : inputs) {
-      const std::size_t channels = input->dims[3];
-      const std::size_t run = std::min(channels, left);
-      if (run == 0) continue;
-      // The output may be one of the inputs.
-      std::memmove(to, input->data + pixel * channels, run * sizeof(float));
-      to += run;
-      left -= run;
-    }
+  const std::uint64_t pixel = total_channels(*this);
+  if (output->count == 0) return true;
+  const std::size_t pixels = (output->count + pixel - 1) / pixel;
+  if (writes_into_an_input(*this)) {
+    copy_pixels(*this, 0, pixels);
+    return true;
   }
+  const std::size_t some = std::max<std::size_t>(kTaskFloats / pixel, 1);
+  workspace->workers().run((pixels + some - 1) / some, [&](std::size_t task, std::size_t) {
+    copy_pixels(*this, task * some, std::min(pixels, (task + 1) * some));
+  });
   return true;
 }
 

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "graph/Workspace.h"
+#include "graph/fusion.h"
 #include "kernels/workers.h"
 
 namespace ravu {
@@ -92,9 +93,16 @@ void prepare_for_sizes(ConvLayer& layer) {
   }
   if (!layer.single_precision) return;
   const auto groups = groups_of(layer);
-  if (!layer.plan.suits(sizes, groups)) layer.plan.prepare(sizes, groups);
-  layer.workspace->reserve(
-      layer.plan.scratch_floats(sizes, groups, layer.workspace->workers().threads()));
+  kernels::Workers& workers = layer.workspace->workers();
+  if (!layer.plan.suits(sizes, groups)) layer.plan.prepare(sizes, groups, workers);
+  layer.workspace->reserve(layer.plan.scratch_floats(sizes, groups, workers.threads()));
+}
+
+// Whether every element of the output is the end of a sum over the input, which stands elsewhere.
+bool writes_whole_output(const ConvLayer& layer, const kernels::ConvSizes& s) {
+  const Blob& output = *last_output(layer);
+  return s.rows * s.columns * s.out_channels == s.out_image &&
+         s.batch * s.out_image == output.count && last_input(layer)->data != output.data;
 }
 
 void forward_float(ConvLayer& layer) {
@@ -107,7 +115,12 @@ void forward_float(ConvLayer& layer) {
   kernels::Workers& workers = layer.workspace->workers();
   const std::size_t scratch = layer.plan.scratch_floats(sizes, groups, workers.threads());
   if (scratch > layer.workspace->size()) return;
-  layer.plan.run(sizes, input.data, groups, output.data, layer.workspace->scratch(), workers);
+  kernels::ElementSteps steps;
+  const std::size_t taken =
+      writes_whole_output(layer, sizes) ? collect_steps(layer, sizes.out_channels, steps) : 0;
+  layer.plan.run(sizes, input.data, groups, steps, output.data, layer.workspace->scratch(),
+                 workers);
+  mark_done(layer, taken);
 }
 
 // The bias that the operator adds: one value per output channel. Any other count is added here.

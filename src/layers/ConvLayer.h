@@ -30,6 +30,8 @@ class ConvLayer : public BaseLayer {
   bool has_bias = false;
   std::vector<FixedPointOperator> operators;  // one per group; empty until set up for run mode 3
 
+  ConvLayer() { takes_steps = true; }
+
   bool Forward(std::uint32_t mode) override;
   void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
                      std::uint32_t data_type, Aliases& aliases) override;

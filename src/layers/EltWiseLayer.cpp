@@ -1,10 +1,12 @@
-// The weighted sum, once for each output.
+// The weighted sum, once for each output. The only output may be rectified on the way.
 #include "layers/EltWiseLayer.h"
 
 #include <string>
 #include <vector>
 
 #include "graph/PrimitiveBuilder.h"
+#include "graph/Workspace.h"
+#include "graph/fusion.h"
 #include "kernels/kernels.h"
 
 namespace ravu {
@@ -27,11 +29,15 @@ bool EltWiseLayer::Forward(std::uint32_t) {
   if (coefficients.size() != inputs.size()) coefficients.assign(inputs.size(), 1.0F);
   std::vector<const float*> terms;
   for (const Blob* input : inputs) terms.push_back(input->data);
+  kernels::ElementSteps steps;
+  const bool only = outputs.size() == 1 && outputs[0]->data != nullptr;
+  const std::size_t taken = only ? collect_steps(*this, /*channels=*/0, steps) : 0;
   for (Blob* output : outputs) {
     if (output->data == nullptr) continue;
-    kernels::weighted_sum(terms.data(), coefficients.data(), terms.size(), output->data,
-                          output->count);
+    kernels::weighted_sum(terms.data(), coefficients.data(), terms.size(), steps, output->data,
+                          output->count, workspace->workers());
   }
+  mark_done(*this, taken);
   return true;
 }
 

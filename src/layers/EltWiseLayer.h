@@ -17,6 +17,8 @@ class EltWiseLayer : public BaseLayer {
   std::int32_t operation = kMax;
   std::vector<float> coefficients;  // of the sum, one for each input
 
+  EltWiseLayer() { takes_steps = true; }
+
   bool Forward(std::uint32_t mode) override;
   void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
                      std::uint32_t data_type, Aliases& aliases) override;

@@ -15,7 +15,7 @@ constexpr std::uint32_t kFloatMode = 0;
 constexpr std::uint32_t kFixedPointMode = 3;
 
 // Rewrites the matrix dims[0] x dims[1] as dims[1] x dims[0].
-void transpose(Blob& blob) {
+void transpose(Blob& blob, kernels::Workers& workers) {
   const std::uint32_t rows = blob.dims[0];
   const std::uint32_t columns = blob.dims[1];
   Blob turned;
@@ -23,10 +23,7 @@ void transpose(Blob& blob) {
   turned.count = rows * columns;
   turned.layout = blob.layout;
   allocate(turned);
-  for (std::size_t r = 0; r < rows; ++r) {
-    for (std::size_t c = 0; c < columns; ++c)
-      turned.data[c * rows + r] = blob.data[r * columns + c];
-  }
+  kernels::transpose(blob.data, rows, columns, turned.data, workers);
   static_cast<Shape&>(blob) = turned;
   blob.storage = std::move(turned.storage);
   blob.data = blob.storage.get();
@@ -130,7 +127,9 @@ void forward_fixed_point(FullyConnectLayer& layer) {
 
 void turn_weights(FullyConnectLayer& layer, bool transposed) {
   interleave_rows(layer);
-  if (layer.weights_transposed != transposed) transpose(*layer.weights);
+  if (layer.weights_transposed != transposed) {
+    transpose(*layer.weights, layer.workspace->workers());
+  }
   layer.weights_transposed = transposed;
 }
 

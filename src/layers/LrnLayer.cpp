@@ -10,13 +10,15 @@
 namespace ravu {
 namespace {
 
-std::size_t scratch_floats(const Blob& input) {
-  return kernels::lrn_scratch_floats(input.count, input.dims[3]);
+std::size_t scratch_floats(const LrnLayer& layer) {
+  const Blob& input = *last_input(layer);
+  return kernels::lrn_scratch_floats(input.count, input.dims[3]) *
+         layer.workspace->workers().threads();
 }
 
 bool ready(const LrnLayer& layer) {
   return layer.scale != nullptr && has_data(layer) && fits(layer) &&
-         scratch_floats(*last_input(layer)) <= layer.workspace->size();
+         scratch_floats(layer) <= layer.workspace->size();
 }
 
 }  // namespace
@@ -43,7 +45,7 @@ bool LrnLayer::Forward(std::uint32_t) {
                          .power = -beta,
                          .k = k};
   kernels::lrn(lrn, input.data, scale->data, last_output(*this)->data, input.count,
-               workspace->scratch());
+               workspace->scratch(), workspace->workers());
   return true;
 }
 
@@ -67,7 +69,7 @@ bool LrnLayer::Setup(std::int32_t, std::vector<BlobPtr>& params) {
   const Blob* input = last_input(*this);
   if (input == nullptr) return true;
   scale = &shared_scratch(params, *input);
-  workspace->reserve(scratch_floats(*input));
+  workspace->reserve(scratch_floats(*this));
   return true;
 }
 
@@ -76,7 +78,7 @@ void LrnLayer::Reshape() {
   const Blob* input = last_input(*this);
   if (input == nullptr || scale == nullptr) return;
   fit_scratch(*scale, *input);
-  workspace->reserve(scratch_floats(*input));
+  workspace->reserve(scratch_floats(*this));
 }
 
 void LrnLayer::ReleaseWeights() {

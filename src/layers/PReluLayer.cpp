@@ -5,9 +5,27 @@
 #include <string>
 
 #include "graph/PrimitiveBuilder.h"
-#include "kernels/kernels.h"
+#include "graph/fusion.h"
 
 namespace ravu {
+namespace {
+
+using kernels::ElementStep;
+
+std::optional<ElementStep> step_of(const BaseLayer& layer) {
+  const auto& prelu = static_cast<const PReluLayer&>(layer);
+  if (!has_data(prelu) || !fits(prelu)) return std::nullopt;
+  return ElementStep{.kind = ElementStep::Kind::kPRelu,
+                     .first = prelu.slopes->data,
+                     .period = last_input(prelu)->dims[3]};
+}
+
+}  // namespace
+
+PReluLayer::PReluLayer() {
+  element_step = step_of;
+  takes_steps = true;
+}
 
 Fit fits(const PReluLayer& layer) {
   const Blob* input = last_input(layer);
@@ -24,10 +42,7 @@ Fit fits(const PReluLayer& layer) {
 }
 
 bool PReluLayer::Forward(std::uint32_t) {
-  const Blob* input = last_input(*this);
-  Blob* output = last_output(*this);
-  if (!has_data(*this) || !fits(*this)) return true;
-  kernels::prelu(input->data, output->data, output->count, slopes->data, input->dims[3]);
+  forward_steps(*this);
   return true;
 }
 

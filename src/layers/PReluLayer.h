@@ -11,6 +11,8 @@ class PReluLayer : public BaseLayer {
   // Kept: stored, but no computation looks at it; there is always one slope per channel.
   bool channel_shared = false;
 
+  PReluLayer();
+
   bool Forward(std::uint32_t mode) override;
   void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
                      std::uint32_t data_type, Aliases& aliases) override;

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "graph/PrimitiveBuilder.h"
+#include "graph/Workspace.h"
 #include "kernels/kernels.h"
 
 namespace ravu {
@@ -69,8 +70,9 @@ bool PoolingLayer::Forward(std::uint32_t) {
   Blob* output = last_output(*this);
   if (!has_data(*this) || !fits(*this)) return true;
   const auto sizes = sizes_of(*this, *input, *output);
-  if (mode == kMax) kernels::max_pooling(sizes, input->data, output->data);
-  if (mode == kAverage) kernels::average_pooling(sizes, input->data, output->data);
+  kernels::Workers& workers = workspace->workers();
+  if (mode == kMax) kernels::max_pooling(sizes, input->data, output->data, workers);
+  if (mode == kAverage) kernels::average_pooling(sizes, input->data, output->data, workers);
   return true;
 }
 

@@ -1,10 +1,26 @@
-// The rectifier runs over the input's elements, in place once the network is set up.
+// The rectifier is a step over the input's elements, in place once the network is set up.
 #include "layers/ReluLayer.h"
 
 #include "graph/PrimitiveBuilder.h"
-#include "kernels/kernels.h"
+#include "graph/fusion.h"
 
 namespace ravu {
+namespace {
+
+using kernels::ElementStep;
+
+std::optional<ElementStep> step_of(const BaseLayer& layer) {
+  const auto& relu = static_cast<const ReluLayer&>(layer);
+  if (!has_data(relu) || !fits(relu)) return std::nullopt;
+  return ElementStep{.kind = ElementStep::Kind::kRelu, .slope = relu.negative_slope};
+}
+
+}  // namespace
+
+ReluLayer::ReluLayer() {
+  element_step = step_of;
+  takes_steps = true;
+}
 
 Fit fits(const ReluLayer& layer) {
   const Blob* input = last_input(layer);
@@ -17,10 +33,7 @@ Fit fits(const ReluLayer& layer) {
 }
 
 bool ReluLayer::Forward(std::uint32_t) {
-  const Blob* input = last_input(*this);
-  Blob* output = last_output(*this);
-  if (!has_data(*this) || !fits(*this)) return true;
-  kernels::relu(input->data, output->data, input->count, negative_slope);
+  forward_steps(*this);
   return true;
 }
 

@@ -9,6 +9,8 @@ class ReluLayer : public BaseLayer {
  public:
   float negative_slope = 0.0F;
 
+  ReluLayer();
+
   bool Forward(std::uint32_t mode) override;
   void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
                      std::uint32_t data_type, Aliases& aliases) override;

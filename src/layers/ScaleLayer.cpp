@@ -1,4 +1,4 @@
-// One pass where scale and bias repeat alike, which is the rule; two where they do not.
+// One step where scale and bias repeat alike, which is the rule; two passes where they do not.
 #include "layers/ScaleLayer.h"
 
 #include <span>
@@ -6,10 +6,36 @@
 #include <vector>
 
 #include "graph/PrimitiveBuilder.h"
+#include "graph/Workspace.h"
+#include "graph/fusion.h"
 #include "kernels/kernels.h"
 
 namespace ravu {
 namespace {
+
+using kernels::ElementStep;
+
+bool shifts(const ScaleLayer& layer) {
+  return layer.has_bias && layer.bias;
+}
+
+std::optional<ElementStep> scale_step(const ScaleLayer& layer) {
+  if (!has_data(layer) || !fits(layer)) return std::nullopt;
+  return ElementStep{.kind = ElementStep::Kind::kScale,
+                     .first = layer.scales->data,
+                     .period = layer.scales->count};
+}
+
+// Scale and bias that repeat alike; none where they do not.
+std::optional<ElementStep> step_of(const BaseLayer& layer) {
+  const auto& scale = static_cast<const ScaleLayer&>(layer);
+  auto step = scale_step(scale);
+  if (!step || !shifts(scale)) return step;
+  if (scale.bias->count != scale.scales->count) return std::nullopt;
+  step->kind = ElementStep::Kind::kScaleAndShift;
+  step->second = scale.bias->data;
+  return step;
+}
 
 std::size_t elements(const GpuShape& shape) {
   return cldnn::element_count(make_layout(shape, CLDNN_FLOAT32));
@@ -48,6 +74,11 @@ std::vector<float> in_memory_order(std::span<const float> values, const GpuShape
 
 }  // namespace
 
+ScaleLayer::ScaleLayer() {
+  element_step = step_of;
+  takes_steps = true;
+}
+
 Fit fits(const ScaleLayer& layer) {
   const Blob* input = last_input(layer);
   const Blob* output = last_output(layer);
@@ -63,17 +94,18 @@ Fit fits(const ScaleLayer& layer) {
 }
 
 bool ScaleLayer::Forward(std::uint32_t) {
-  const Blob* input = last_input(*this);
-  Blob* output = last_output(*this);
-  if (!has_data(*this) || !fits(*this)) return true;
-  const std::size_t n = output->count;
-  const bool shifts = has_bias && bias;
-  if (shifts && bias->count == scales->count) {
-    kernels::scale_and_shift(input->data, output->data, n, scales->data, bias->data, bias->count);
+  const auto times = scale_step(*this);
+  if (!times) return true;
+  if (!shifts(*this) || bias->count == scales->count) {
+    forward_steps(*this);
     return true;
   }
-  kernels::scale(input->data, output->data, n, scales->data, scales->count);
-  if (shifts) kernels::add_bias(output->data, 1, n, n, bias->data, bias->count, 0);
+  Blob& output = *last_output(*this);
+  kernels::ElementSteps steps;
+  steps.add(*times);
+  kernels::apply_steps(steps, times->period, last_input(*this)->data, output.data, output.count,
+                       workspace->workers());
+  kernels::add_bias(output.data, 1, output.count, output.count, bias->data, bias->count, 0);
   return true;
 }
 
@@ -84,14 +116,14 @@ void ScaleLayer::AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl*
   PrimitiveBuilder builder(*this, topology, engine, data_type, aliases);
   const std::string input = builder.map();
   const GpuShape shape = builder.shape(input);
-  const Blob* shifts = has_bias ? bias.get() : nullptr;
-  const GpuShape repeating = repeating_shape(shape, *scales, shifts);
+  const Blob* shift = has_bias ? bias.get() : nullptr;
+  const GpuShape repeating = repeating_shape(shape, *scales, shift);
   const std::string scale_id = builder.parameter(builder.prefix() + "_scale", repeating,
                                                  in_memory_order(interleaved(*scales), repeating));
   std::string bias_id;
-  if (shifts != nullptr) {
+  if (shift != nullptr) {
     bias_id = builder.parameter(builder.prefix() + "_scale_bias", repeating,
-                                in_memory_order({shifts->data, shifts->count}, repeating));
+                                in_memory_order({shift->data, shift->count}, repeating));
   }
   cldnn_scale_desc times{};
   times.scale_input = scale_id.c_str();

@@ -12,6 +12,8 @@ class ScaleLayer : public BaseLayer {
   BlobPtr scales;
   BlobPtr bias;  // null without bias
 
+  ScaleLayer();
+
   bool Forward(std::uint32_t mode) override;
   void AddPrimitives(cldnn_topology_impl* topology, cldnn_engine_impl* engine,
                      std::uint32_t data_type, Aliases& aliases) override;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <string>
 
 #include "kernels/conv_plan.h"
 #include "kernels/workers.h"
@@ -19,24 +20,76 @@ std::size_t size(int n) {
   return static_cast<std::size_t>(n);
 }
 
-// Odd channel counts, maps of one to three pixels, strides, pads, groups, batches 1 to 9.
-constexpr reference::Conv kDirectCases[] = {
-    {1, 1, 1, 1, 1, 2, 1, 1, 0},     {1, 1, 1, 7, 1, 5, 3, 1, 1},    {2, 2, 3, 5, 1, 17, 3, 1, 1},
-    {1, 3, 1, 33, 1, 16, 1, 1, 0},   {3, 9, 7, 3, 1, 65, 3, 2, 1},   {1, 23, 20, 3, 1, 19, 7, 2, 3},
-    {1, 13, 13, 6, 2, 11, 5, 1, 2},  {4, 8, 8, 12, 3, 4, 1, 2, 0},   {9, 5, 6, 8, 1, 24, 2, 1, 0},
-    {1, 6, 6, 10, 5, 2, 1, 1, 0},    {1, 3, 250, 4, 1, 9, 3, 1, 1},  {1, 40, 30, 9, 1, 8, 3, 3, 0},
-    {2, 10, 9, 4, 1, 6, 3, 2, 1, 2}, {1, 7, 7, 1100, 1, 3, 3, 1, 1}, {1, 2, 2, 2, 1, 3, 5, 4, 3},
+// A layer's shape and the form that is chosen for it. Odd channel counts, maps of one to three
+// pixels, strides, pads, groups, dilation, batches 1 to 9, lines longer than a block.
+struct Case {
+  reference::Conv conv;
+  ConvForm form;
 };
-constexpr reference::Conv kWinogradCases[] = {
-    {1, 12, 12, 16, 1, 16, 3, 1, 1}, {1, 14, 14, 33, 1, 19, 3, 1, 1},
-    {2, 13, 17, 20, 1, 40, 3, 1, 0}, {3, 15, 12, 34, 2, 17, 3, 1, 1},
-    {1, 12, 13, 16, 1, 21, 3, 1, 2}, {9, 12, 12, 18, 1, 16, 3, 1, 1},
+constexpr Case kCases[] = {
+    {{1, 1, 1, 1, 1, 2, 1, 1, 0}, ConvForm::kDirect},
+    {{1, 1, 1, 7, 1, 5, 3, 1, 1}, ConvForm::kDirect},
+    {{2, 2, 3, 5, 1, 17, 3, 1, 1}, ConvForm::kDirect},
+    {{1, 3, 1, 33, 1, 16, 1, 1, 0}, ConvForm::kDirect},
+    {{3, 9, 7, 3, 1, 65, 3, 2, 1}, ConvForm::kDirect},
+    {{1, 23, 20, 3, 1, 19, 7, 2, 3}, ConvForm::kDirect},
+    {{1, 13, 13, 6, 2, 11, 5, 1, 2}, ConvForm::kDirect},
+    {{4, 8, 8, 12, 3, 4, 1, 2, 0}, ConvForm::kDirect},
+    {{9, 5, 6, 8, 1, 24, 2, 1, 0}, ConvForm::kDirect},
+    {{1, 6, 6, 10, 5, 2, 1, 1, 0}, ConvForm::kDirect},
+    {{1, 3, 250, 4, 1, 9, 3, 1, 1}, ConvForm::kDirect},
+    {{1, 40, 30, 9, 1, 8, 3, 3, 0}, ConvForm::kDirect},
+    {{2, 10, 9, 4, 1, 6, 3, 2, 1, 2}, ConvForm::kDirect},
+    {{1, 7, 7, 1100, 1, 3, 3, 1, 1}, ConvForm::kDirect},
+    {{1, 2, 2, 2, 1, 3, 5, 4, 3}, ConvForm::kDirect},
+    {{3, 17, 13, 6, 1, 34, 1, 1, 0}, ConvForm::kDirect},
+    {{2, 15, 15, 12, 2, 18, 1, 1, 0}, ConvForm::kDirect},
+    {{1, 8, 8, 6, 1, 7, 1, 1, 0, 2}, ConvForm::kDirect},
+    {{1, 12, 12, 16, 1, 16, 3, 1, 1}, ConvForm::kWinograd},
+    {{1, 14, 14, 33, 1, 19, 3, 1, 1}, ConvForm::kWinograd},
+    {{2, 13, 17, 20, 1, 40, 3, 1, 0}, ConvForm::kWinograd},
+    {{3, 15, 12, 34, 2, 17, 3, 1, 1}, ConvForm::kWinograd},
+    {{1, 12, 13, 16, 1, 21, 3, 1, 2}, ConvForm::kWinograd},
+    {{9, 12, 12, 18, 1, 16, 3, 1, 1}, ConvForm::kWinograd},
+    {{1, 6, 6, 32, 1, 32, 3, 1, 1}, ConvForm::kSmallWinograd},
+    {{1, 7, 7, 33, 1, 35, 3, 1, 1}, ConvForm::kSmallWinograd},
+    {{2, 9, 8, 40, 1, 50, 3, 1, 0}, ConvForm::kSmallWinograd},
+    {{9, 7, 7, 68, 2, 37, 3, 1, 1}, ConvForm::kSmallWinograd},
+    {{1, 5, 6, 32, 1, 41, 3, 1, 2}, ConvForm::kSmallWinograd},
+    {{1, 5, 5, 1, 1, 1, 3, 1, 1}, ConvForm::kDepthwise},
+    {{2, 7, 9, 3, 3, 1, 3, 1, 1}, ConvForm::kDepthwise},
+    {{1, 8, 8, 16, 16, 1, 3, 2, 1}, ConvForm::kDepthwise},
+    {{3, 6, 11, 33, 33, 1, 3, 1, 0}, ConvForm::kDepthwise},
+    {{1, 9, 9, 40, 40, 1, 5, 2, 2}, ConvForm::kDepthwise},
+    {{1, 2, 1, 9, 9, 1, 3, 1, 1}, ConvForm::kDepthwise},
+    {{1, 10, 12, 7, 7, 1, 3, 1, 1, 2}, ConvForm::kDepthwise},
+    {{1, 3, 3, 20, 20, 1, 1, 1, 0}, ConvForm::kDepthwise},
+    {{2, 4, 4, 5, 5, 1, 3, 1, 4}, ConvForm::kDepthwise},
 };
-constexpr reference::Conv kDepthwiseCases[] = {
-    {1, 5, 5, 1, 1, 1, 3, 1, 1},      {2, 7, 9, 3, 3, 1, 3, 1, 1},   {1, 8, 8, 16, 16, 1, 3, 2, 1},
-    {3, 6, 11, 33, 33, 1, 3, 1, 0},   {1, 9, 9, 40, 40, 1, 5, 2, 2}, {1, 2, 1, 9, 9, 1, 3, 1, 1},
-    {1, 10, 12, 7, 7, 1, 3, 1, 1, 2}, {1, 3, 3, 20, 20, 1, 1, 1, 0}, {2, 4, 4, 5, 5, 1, 3, 1, 4},
-};
+
+kernels::ConvSizes sizes_of(const reference::Conv& c) {
+  const std::size_t rows = size(reference::conv_patches(c.height, c));
+  const std::size_t columns = size(reference::conv_patches(c.width, c));
+  const std::size_t out_channels = size(c.kernels * c.groups);
+  return {.batch = size(c.batch),
+          .height = size(c.height),
+          .width = size(c.width),
+          .channels = size(c.channels),
+          .group_channels = size(c.channels / c.groups),
+          .rows = rows,
+          .columns = columns,
+          .kernel_h = size(c.kernel),
+          .kernel_w = size(c.kernel),
+          .stride_h = size(c.stride),
+          .stride_w = size(c.stride),
+          .pad_h = size(c.pad),
+          .pad_w = size(c.pad),
+          .shift_h = size(c.dilation - 1),
+          .shift_w = size(c.dilation - 1),
+          .kernels = size(c.kernels),
+          .out_channels = out_channels,
+          .out_image = rows * columns * out_channels};
+}
 
 // A layer with random values, and what running it takes.
 struct Layer {
@@ -48,27 +101,7 @@ struct Layer {
       bias.push_back(has_bias ? random_values(size(c.kernels), 300 + static_cast<unsigned>(g))
                               : std::vector<float>{});
     }
-    const std::size_t rows = size(reference::conv_patches(c.height, c));
-    const std::size_t columns = size(reference::conv_patches(c.width, c));
-    const std::size_t out_channels = size(c.kernels * c.groups);
-    sizes = {.batch = size(c.batch),
-             .height = size(c.height),
-             .width = size(c.width),
-             .channels = size(c.channels),
-             .group_channels = size(c.channels / c.groups),
-             .rows = rows,
-             .columns = columns,
-             .kernel_h = size(c.kernel),
-             .kernel_w = size(c.kernel),
-             .stride_h = size(c.stride),
-             .stride_w = size(c.stride),
-             .pad_h = size(c.pad),
-             .pad_w = size(c.pad),
-             .shift_h = size(c.dilation - 1),
-             .shift_w = size(c.dilation - 1),
-             .kernels = size(c.kernels),
-             .out_channels = out_channels,
-             .out_image = rows * columns * out_channels};
+    sizes = sizes_of(c);
   }
 
   std::vector<kernels::ConvGroup> groups() const {
@@ -80,14 +113,32 @@ struct Layer {
     return result;
   }
 
-  std::vector<float> run(const kernels::ConvPlan& plan, std::size_t threads) const {
+  std::vector<float> run(const kernels::ConvPlan& plan, std::size_t threads,
+                         const kernels::ElementSteps& steps = {}) const {
     kernels::Workers workers;
     workers.set_threads(threads);
     const auto g = groups();
     // Where the output is not written it stays not a number.
     std::vector<float> output(sizes.batch * sizes.out_image, std::nanf(""));
     std::vector<float> scratch(plan.scratch_floats(sizes, g, threads));
-    plan.run(sizes, input.data(), g, output.data(), scratch.data(), workers);
+    plan.run(sizes, input.data(), g, steps, output.data(), scratch.data(), workers);
+    return output;
+  }
+
+  // The direct form, whatever the plan would choose.
+  std::vector<float> run_direct(std::size_t threads,
+                                const kernels::ElementSteps& steps = {}) const {
+    kernels::Workers workers;
+    workers.set_threads(threads);
+    std::vector<float> output(sizes.batch * sizes.out_image, std::nanf(""));
+    std::vector<float> scratch(kernels::packed_scratch_floats(sizes) * threads);
+    for (std::size_t g = 0; g < weights.size(); ++g) {
+      kernels::convolve_packed(sizes, input.data() + g * sizes.group_channels,
+                               kernels::pack_conv(sizes, weights[g].data(), workers),
+                               bias[g].empty() ? nullptr : bias[g].data(),
+                               steps.from_channel(g * sizes.kernels),
+                               output.data() + g * sizes.kernels, scratch.data(), workers);
+    }
     return output;
   }
 
@@ -101,7 +152,9 @@ struct Layer {
 
 kernels::ConvPlan plan_for(const Layer& layer, ConvForm wanted) {
   kernels::ConvPlan plan;
-  plan.prepare(layer.sizes, layer.groups());
+  kernels::Workers workers;
+  workers.set_threads(2);
+  plan.prepare(layer.sizes, layer.groups(), workers);
   EXPECT_EQ(plan.form(layer.sizes, layer.groups()), wanted);
   return plan;
 }
@@ -125,69 +178,105 @@ Errors errors_of(const std::vector<float>& values, const reference::Sums& sums) 
   return {largest / rms, std::sqrt(squares / static_cast<double>(values.size())) / rms};
 }
 
-TEST(ConvForms, DirectAgreesWithDoublePrecision) {
+std::string name_of(const Case& c) {
+  return "case " + std::to_string(&c - kCases) + ", " + kernels::form_name(c.form);
+}
+
+TEST(ConvForms, EachAgreesWithDoublePrecision) {
   for_each_target([] {
     for (const bool has_bias : {true, false}) {
-      for (const reference::Conv& c : kDirectCases) {
-        const Layer layer(c, has_bias);
+      for (const Case& c : kCases) {
+        SCOPED_TRACE(name_of(c));
+        const Layer layer(c.conv, has_bias);
+        const auto expected = layer.expected();
+        const auto values = layer.run(plan_for(layer, c.form), 1);
         std::size_t where = 0;
-        EXPECT_TRUE(reference::close_to(layer.run(plan_for(layer, ConvForm::kDirect), 1),
-                                        layer.expected(), &where))
-            << "case " << &c - kDirectCases << " value " << where;
+        if (c.form == ConvForm::kWinograd) {
+          const Errors errors = errors_of(values, expected);
+          EXPECT_LE(errors.largest, 1e-3);
+          EXPECT_LE(errors.mean, 1e-5);
+        } else {
+          EXPECT_TRUE(reference::close_to(values, expected, &where)) << where;
+        }
+        EXPECT_TRUE(reference::close_to(layer.run_direct(1), expected, &where)) << where;
       }
     }
   });
 }
 
 TEST(ConvForms, GatherAgreesWithDoublePrecision) {
-  for (const reference::Conv& c : kDirectCases) {
-    const Layer layer(c);
+  for (const Case& c : kCases) {
+    const Layer layer(c.conv);
     std::size_t where = 0;
     EXPECT_TRUE(reference::close_to(layer.run(kernels::ConvPlan(), 1), layer.expected(), &where))
-        << "case " << &c - kDirectCases << " value " << where;
+        << name_of(c) << " value " << where;
   }
 }
 
-TEST(ConvForms, DepthwiseAgreesWithDoublePrecision) {
-  for_each_target([] {
-    for (const bool has_bias : {true, false}) {
-      for (const reference::Conv& c : kDepthwiseCases) {
-        const Layer layer(c, has_bias);
-        std::size_t where = 0;
-        EXPECT_TRUE(reference::close_to(layer.run(plan_for(layer, ConvForm::kDepthwise), 1),
-                                        layer.expected(), &where))
-            << "case " << &c - kDepthwiseCases << " value " << where;
-      }
-    }
-  });
-}
-
-TEST(ConvForms, WinogradStaysWithinItsWiderBounds) {
-  for_each_target([] {
-    for (const bool has_bias : {true, false}) {
-      for (const reference::Conv& c : kWinogradCases) {
-        const Layer layer(c, has_bias);
-        const Errors errors =
-            errors_of(layer.run(plan_for(layer, ConvForm::kWinograd), 1), layer.expected());
-        EXPECT_LE(errors.largest, 1e-3) << "case " << &c - kWinogradCases;
-        EXPECT_LE(errors.mean, 1e-5) << "case " << &c - kWinogradCases;
-      }
-    }
-  });
-}
-
 TEST(ConvForms, EveryNumberOfThreadsGivesTheSameBits) {
-  const auto check = [](const reference::Conv& c, ConvForm form) {
-    const Layer layer(c);
-    const kernels::ConvPlan plan = plan_for(layer, form);
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(name_of(c));
+    const Layer layer(c.conv);
+    const kernels::ConvPlan plan = plan_for(layer, c.form);
     const std::vector<float> alone = layer.run(plan, 1);
+    const std::vector<float> direct = layer.run_direct(1);
     for (const std::size_t threads : {1, 2, 3, 4}) {
       EXPECT_EQ(layer.run(plan, threads), alone) << threads << " threads";
+      EXPECT_EQ(layer.run_direct(threads), direct) << threads << " threads";
     }
-  };
-  for (const reference::Conv& c : kDirectCases) check(c, ConvForm::kDirect);
-  for (const reference::Conv& c : kWinogradCases) check(c, ConvForm::kWinograd);
-  for (const reference::Conv& c : kDepthwiseCases) check(c, ConvForm::kDepthwise);
+  }
+}
+
+// The sums of a pixel do not depend on where it stands.
+TEST(ConvForms, EveryPlaceInABatchGivesTheSameBits) {
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(name_of(c));
+    Layer alone(c.conv);
+    alone.input.resize(alone.input.size() / size(c.conv.batch));
+    alone.sizes.batch = 1;
+    Layer several = alone;
+    several.sizes.batch = 3;
+    for (int copy = 0; copy < 2; ++copy) {
+      several.input.insert(several.input.end(), alone.input.begin(), alone.input.end());
+    }
+    const auto one = alone.run(plan_for(alone, c.form), 1);
+    const auto three = several.run(plan_for(several, c.form), 2);
+    for (std::size_t i = 0; i < three.size(); ++i) ASSERT_EQ(three[i], one[i % one.size()]) << i;
+  }
+}
+
+// What follows the sums is the same work on the same values, wherever it is done.
+TEST(ConvForms, StepsGiveTheBitsOfPassesOfTheirOwn) {
+  for_each_target([] {
+    for (const Case& c : kCases) {
+      SCOPED_TRACE(name_of(c));
+      const Layer layer(c.conv);
+      const std::size_t channels = layer.sizes.out_channels;
+      const auto a = random_values(channels, 7);
+      const auto b = random_values(channels, 8);
+      using Kind = kernels::ElementStep::Kind;
+      kernels::ElementSteps steps;
+      steps.add(
+          {.kind = Kind::kNormalise, .first = a.data(), .second = b.data(), .period = channels});
+      steps.add({.kind = Kind::kScaleAndShift,
+                 .first = b.data(),
+                 .second = a.data(),
+                 .period = channels});
+      steps.add({.kind = Kind::kRelu, .slope = 0.1F});
+      steps.add({.kind = Kind::kPRelu, .first = a.data(), .period = channels});
+      kernels::Workers workers;
+      const auto afterwards = [&](std::vector<float> values) {
+        kernels::apply_steps(steps, channels, values.data(), values.data(), values.size(), workers);
+        return values;
+      };
+      const kernels::ConvPlan gather;
+      const kernels::ConvPlan plan = plan_for(layer, c.form);
+      EXPECT_EQ(layer.run(plan, 1, steps), afterwards(layer.run(plan, 1)));
+      EXPECT_EQ(layer.run(plan, 3, steps), afterwards(layer.run(plan, 1)));
+      EXPECT_EQ(layer.run(gather, 1, steps), afterwards(layer.run(gather, 1)));
+      EXPECT_EQ(layer.run_direct(2, steps), afterwards(layer.run_direct(1)));
+    }
+  });
 }
 
 TEST(ConvForms, TapsWithoutWeightsAreLeftOut) {
@@ -197,7 +286,8 @@ TEST(ConvForms, TapsWithoutWeightsAreLeftOut) {
     const std::size_t tap = i / 4 % 25;
     if (tap / 5 % 2 == 1 || tap % 5 % 2 == 1) layer.weights[0][i] = 0;
   }
-  const auto packed = kernels::pack_conv(layer.sizes, layer.weights[0].data());
+  kernels::Workers workers;
+  const auto packed = kernels::pack_conv(layer.sizes, layer.weights[0].data(), workers);
   EXPECT_EQ(packed.depth, 9U * 4U);
   std::size_t where = 0;
   EXPECT_TRUE(reference::close_to(layer.run(plan_for(layer, ConvForm::kDirect), 2),
@@ -233,29 +323,71 @@ TEST(ConvForms, SizesThatWereNotPreparedForAreGathered) {
   EXPECT_TRUE(plan.suits(larger.sizes, larger.groups()));
 }
 
-TEST(ConvForms, ScratchMemoryDoesNotGrowWithTheLayer) {
-  const auto scratch = [](const reference::Conv& c, ConvForm form, std::size_t threads) {
-    const Layer layer(c);
-    return plan_for(layer, form).scratch_floats(layer.sizes, layer.groups(), threads) *
-           sizeof(float);
-  };
-  // Of the direct form: half a MiB for each thread at most.
-  EXPECT_LE(scratch({1, 300, 300, 8, 1, 2, 7, 2, 3}, ConvForm::kDirect, 1), std::size_t{1} << 19);
-  EXPECT_EQ(scratch({1, 9, 9, 4, 1, 6, 3, 1, 1}, ConvForm::kDirect, 4),
-            4 * scratch({1, 9, 9, 4, 1, 6, 3, 1, 1}, ConvForm::kDirect, 1));
-  EXPECT_LE(scratch({9, 80, 80, 32, 1, 32, 3, 1, 1}, ConvForm::kWinograd, 4), std::size_t{5} << 20);
-  EXPECT_EQ(scratch({1, 64, 64, 8, 8, 1, 3, 1, 1}, ConvForm::kDepthwise, 4), 0U);
+TEST(ConvForms, ScratchMemoryOfTheDirectFormIsOneBlocksInputForEachThread) {
+  // 9 x 9 output pixels read 11 x 11 pixels of 4 channels.
+  const Layer layer({1, 9, 9, 4, 1, 6, 3, 1, 1});
+  const auto plan = plan_for(layer, ConvForm::kDirect);
+  for (const std::size_t threads : {1U, 4U}) {
+    EXPECT_EQ(plan.scratch_floats(layer.sizes, layer.groups(), threads), 11U * 11 * 4 * threads);
+  }
+  // What is read in place needs none.
+  EXPECT_EQ(kernels::packed_scratch_floats(sizes_of({1, 56, 56, 256, 1, 64, 1, 1, 0})), 0U);
+  EXPECT_EQ(kernels::packed_scratch_floats(sizes_of({1, 56, 56, 256, 1, 512, 1, 2, 0})), 0U);
+  // Half a MiB at most, at any size.
+  for (const int side : {10, 300, 3000}) {
+    const auto floats =
+        kernels::packed_scratch_floats(sizes_of({9, side, side, 64, 1, 9, 5, 2, 2}));
+    EXPECT_LE(floats, kernels::kMaxPackedScratch);
+  }
+}
+
+TEST(ConvForms, ScratchMemoryOfWinogradsFormIs8MebibytesAtMost) {
+  constexpr std::size_t kMost = (std::size_t{8} << 20) / sizeof(float);
+  // 49 tiles of 36 products of 512 + 512 channels, and a pixel of zeros.
+  EXPECT_EQ(kernels::winograd_scratch_floats(sizes_of({1, 28, 28, 512, 1, 512, 3, 1, 1})),
+            36U * 49 * 1024 + 512);
+  // 16 tiles of 16 products.
+  EXPECT_EQ(kernels::winograd_scratch_floats(sizes_of({1, 7, 7, 512, 1, 512, 3, 1, 1})),
+            16U * 16 * 1024 + 512);
+  // As many tiles as fit.
+  EXPECT_EQ(kernels::winograd_scratch_floats(sizes_of({9, 28, 28, 512, 1, 512, 3, 1, 1})),
+            36U * 56 * 1024 + 512);
+  for (const int batch : {1, 2, 9, 64}) {
+    for (const int side : {7, 14, 56, 300}) {
+      for (const int channels : {32, 512, 1024}) {
+        const reference::Conv c{batch, side, side, channels, 1, channels, 3, 1, 1};
+        EXPECT_LE(kernels::winograd_scratch_floats(sizes_of(c)), kMost);
+      }
+    }
+  }
+}
+
+TEST(ConvForms, ScratchMemoryOfTheOtherFormsIsBounded) {
+  const Layer depthwise({1, 64, 64, 8, 8, 1, 3, 1, 1});
+  EXPECT_EQ(plan_for(depthwise, ConvForm::kDepthwise)
+                .scratch_floats(depthwise.sizes, depthwise.groups(), 4),
+            0U);
+  for (const int batch : {1, 9}) {
+    const auto gather =
+        kernels::conv_scratch_floats(sizes_of({batch, 300, 300, 64, 1, 9, 5, 1, 2}));
+    EXPECT_EQ(gather, (std::size_t{1} << 19) / 1600 * 1600);
+  }
 }
 
 TEST(ConvForms, SmallLayersAndOtherKernelsAreNotForWinograd) {
-  const auto pays = [](const reference::Conv& c) { return kernels::winograd_pays(Layer(c).sizes); };
-  EXPECT_TRUE(pays({1, 12, 12, 16, 1, 16, 3, 1, 1}));
-  EXPECT_FALSE(pays({1, 11, 11, 16, 1, 16, 3, 1, 1}));
-  EXPECT_FALSE(pays({1, 12, 12, 15, 1, 16, 3, 1, 1}));
-  EXPECT_FALSE(pays({1, 12, 12, 16, 1, 15, 3, 1, 1}));
-  EXPECT_FALSE(pays({1, 30, 30, 16, 1, 16, 3, 2, 1}));
-  EXPECT_FALSE(pays({1, 20, 20, 16, 1, 16, 5, 1, 2}));
-  EXPECT_FALSE(pays({1, 30, 30, 16, 1, 16, 3, 1, 1, 2}));
+  using enum kernels::WinogradSide;
+  const auto side = [](const reference::Conv& c) { return kernels::winograd_side(Layer(c).sizes); };
+  EXPECT_EQ(side({1, 12, 12, 16, 1, 16, 3, 1, 1}), kFour);
+  EXPECT_EQ(side({1, 11, 11, 16, 1, 16, 3, 1, 1}), kNone);
+  EXPECT_EQ(side({1, 11, 11, 32, 1, 32, 3, 1, 1}), kTwo);
+  EXPECT_EQ(side({1, 11, 11, 31, 1, 32, 3, 1, 1}), kNone);
+  EXPECT_EQ(side({1, 6, 6, 32, 1, 32, 3, 1, 1}), kTwo);
+  EXPECT_EQ(side({1, 6, 5, 32, 1, 32, 3, 1, 1}), kNone);
+  EXPECT_EQ(side({1, 12, 12, 15, 1, 16, 3, 1, 1}), kNone);
+  EXPECT_EQ(side({1, 12, 12, 16, 1, 15, 3, 1, 1}), kNone);
+  EXPECT_EQ(side({1, 30, 30, 16, 1, 16, 3, 2, 1}), kNone);
+  EXPECT_EQ(side({1, 20, 20, 16, 1, 16, 5, 1, 2}), kNone);
+  EXPECT_EQ(side({1, 30, 30, 16, 1, 16, 3, 1, 1, 2}), kNone);
 }
 
 }  // namespace

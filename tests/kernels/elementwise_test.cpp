@@ -2,33 +2,13 @@
 #include <gtest/gtest.h>
 
 #include "kernels/kernels.h"
+#include "kernels/workers.h"
 #include "support/blobs.h"
 #include "support/reference.h"
 #include "support/targets.h"
 
 namespace ravu::test {
 namespace {
-
-TEST(ReluKernel, GivesTheSameBitsOnEveryProcessor) {
-  for_each_target([] {
-    for (std::size_t n = 0; n < 70; ++n) {
-      const auto input = random_values(n + 1, static_cast<unsigned>(n));
-      const std::vector<float> shifted(input.begin() + 1, input.end());
-      std::vector<float> output(n);
-      kernels::relu(input.data() + 1, output.data(), n, 0.1F);
-      EXPECT_EQ(output, reference::relu(shifted, 0.1F)) << n;
-    }
-  });
-}
-
-TEST(ReluKernel, WorksInPlace) {
-  for_each_target([] {
-    auto values = random_values(37, 1);
-    const auto expected = reference::relu(values, 0.0F);
-    kernels::relu(values.data(), values.data(), values.size(), 0.0F);
-    EXPECT_EQ(values, expected);
-  });
-}
 
 TEST(MultiplyAndAddKernel, RoundsTwiceOnEveryProcessor) {
   for_each_target([] {
@@ -47,22 +27,48 @@ TEST(MultiplyAndAddKernel, RoundsTwiceOnEveryProcessor) {
   });
 }
 
+std::vector<float> weighted_sum(const std::vector<std::vector<float>>& inputs,
+                                const std::vector<float>& coefficients,
+                                const kernels::ElementSteps& steps, std::size_t n,
+                                std::size_t threads) {
+  kernels::Workers workers;
+  workers.set_threads(threads);
+  std::vector<const float*> pointers;
+  for (const auto& input : inputs) pointers.push_back(input.data());
+  std::vector<float> output(n, 7);
+  kernels::weighted_sum(pointers.data(), coefficients.data(), inputs.size(), steps, output.data(),
+                        n, workers);
+  return output;
+}
+
 TEST(WeightedSumKernel, KeepsTheOrderOfTheTermsOnEveryProcessor) {
   for_each_target([] {
+    kernels::ElementSteps rectify;
+    rectify.add({.slope = 0.5F});
     for (std::size_t n = 0; n < 70; ++n) {
       const std::size_t terms = n % 5;
       std::vector<std::vector<float>> inputs;
-      std::vector<const float*> pointers;
       for (std::size_t j = 0; j < terms; ++j) {
         inputs.push_back(values_with_extremes(n, static_cast<unsigned>(n * 5 + j)));
       }
-      for (const auto& input : inputs) pointers.push_back(input.data());
       const auto coefficients = random_values(terms, 4);
-      std::vector<float> output(n, 7);
-      kernels::weighted_sum(pointers.data(), coefficients.data(), terms, output.data(), n);
-      EXPECT_EQ(bits_of(output), bits_of(reference::weighted_sum(inputs, coefficients, n))) << n;
+      const auto expected = reference::weighted_sum(inputs, coefficients, n);
+      EXPECT_EQ(bits_of(weighted_sum(inputs, coefficients, {}, n, 1)), bits_of(expected)) << n;
+      EXPECT_EQ(bits_of(weighted_sum(inputs, coefficients, rectify, n, 1)),
+                bits_of(reference::relu(expected, 0.5F)))
+          << n;
     }
   });
+}
+
+TEST(WeightedSumKernel, GivesTheSameBitsForEveryNumberOfThreads) {
+  constexpr std::size_t kCount = 140001;
+  const std::vector<std::vector<float>> inputs{random_values(kCount, 1), random_values(kCount, 2)};
+  const std::vector<float> coefficients{1, 0.3F};
+  const auto alone = weighted_sum(inputs, coefficients, {}, kCount, 1);
+  for (const std::size_t threads : {2, 3, 4}) {
+    EXPECT_EQ(weighted_sum(inputs, coefficients, {}, kCount, threads), alone) << threads;
+  }
 }
 
 TEST(AddBiasKernel, RepeatsTheBiasOverRowsThatStandApart) {

@@ -1,7 +1,10 @@
 // Pooling kernels on every instruction set: the same bits as the naive reference.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "kernels/kernels.h"
+#include "kernels/workers.h"
 #include "support/ModelBuilder.h"
 #include "support/reference.h"
 #include "support/targets.h"
@@ -21,13 +24,32 @@ TEST(PoolingKernel, GivesTheSameBitsOnEveryProcessor) {
         const kernels::PoolingSizes sizes{2, 7, 6, size(channels), out_h,    out_w, 3,
                                           3, 2, 2, size(pad),      size(pad)};
         std::vector<float> output(2 * out_h * out_w * size(channels));
-        kernels::max_pooling(sizes, input.data(), output.data());
+        kernels::Workers workers;
+        kernels::max_pooling(sizes, input.data(), output.data(), workers);
         EXPECT_EQ(output, reference::pool(p, true, input)) << channels << " " << pad;
-        kernels::average_pooling(sizes, input.data(), output.data());
+        kernels::average_pooling(sizes, input.data(), output.data(), workers);
         EXPECT_EQ(output, reference::pool(p, false, input)) << channels << " " << pad;
       }
     }
   });
+}
+
+// Large enough for several tasks.
+TEST(PoolingKernel, GivesTheSameBitsForEveryNumberOfThreads) {
+  const kernels::PoolingSizes sizes{3, 60, 50, 33, 31, 26, 3, 3, 2, 2, 1, 1};
+  const auto input = random_values(3 * 60 * 50 * 33, 9);
+  for (const auto pooling : {kernels::max_pooling, kernels::average_pooling}) {
+    const auto run = [&](std::size_t threads) {
+      kernels::Workers workers;
+      workers.set_threads(threads);
+      std::vector<float> output(3 * 31 * 26 * 33, -9.0F);
+      pooling(sizes, input.data(), output.data(), workers);
+      return output;
+    };
+    const auto alone = run(1);
+    EXPECT_EQ(std::count(alone.begin(), alone.end(), -9.0F), 0);
+    for (const std::size_t threads : {2, 3, 4}) EXPECT_EQ(run(threads), alone) << threads;
+  }
 }
 
 }  // namespace

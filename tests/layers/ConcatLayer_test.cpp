@@ -41,6 +41,22 @@ TEST(ConcatLayerForward, TheOutputsCountDecidesAndTheLastPixelMayBeCut) {
   EXPECT_EQ(rig.run(), (std::vector<float>{1, 2, -1, 3, 4}));
 }
 
+TEST(ConcatLayerForward, SeveralThreadsCopyTheSame) {
+  const auto run = [](std::size_t threads) {
+    ConcatLayer layer;
+    LayerRig rig(layer);
+    rig.workspace.workers().set_threads(threads);
+    rig.add_input({1, 90, 90, 7}, random_values(90 * 90 * 7, 1));
+    rig.add_input({1, 90, 90, 12}, random_values(90 * 90 * 12, 2));
+    rig.add_output({1, 90, 90, 19});
+    rig.set_up();
+    return rig.run();
+  };
+  const auto alone = run(1);
+  EXPECT_EQ(alone[89 * 90 * 19 + 7], random_values(90 * 90 * 12, 2)[89 * 90 * 12]);
+  for (const std::size_t threads : {2, 3, 4}) EXPECT_EQ(run(threads), alone) << threads;
+}
+
 TEST(ConcatLayerForward, AnInputWithoutChannelsIsSkipped) {
   ConcatLayer layer;
   LayerRig rig(layer);

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "support/program.h"
@@ -54,6 +55,8 @@ TEST_F(ProgramBench, LayersAddOneEntryPerLayer) {
   EXPECT_EQ(report["layers"][0]["multiply_adds"], 6912);
   EXPECT_GT(report["layers"][0]["min_ms"], 0);
   EXPECT_EQ(report["layers"][5]["output"], "prob");
+  EXPECT_EQ(report["layers"][1]["kernel"], "fused");
+  EXPECT_GT(report["peak"]["gflops_at_min"], 0);
 }
 
 TEST_F(ProgramBench, TheReferenceGivesTheRatio) {
@@ -66,11 +69,22 @@ TEST_F(ProgramBench, TheReferenceGivesTheRatio) {
               1e-9);
 }
 
+TEST_F(ProgramBench, LoadTimesEveryStageBesideReading) {
+  const json report = bench({"--load"});
+  EXPECT_EQ(report["bytes"], std::filesystem::file_size(model.path()));
+  for (const char* stage : {"read", "load", "set_up", "first_pass", "second_pass"}) {
+    EXPECT_GT(report[stage]["min_ms"], 0) << stage;
+  }
+  const std::string text = run_ravu({"bench", model.path(), "--repeats", "2", "--load"}).out;
+  EXPECT_THAT(text, HasSubstr("second pass"));
+}
+
 TEST_F(ProgramBench, TextNamesTheColumns) {
   const std::string text = run_ravu({"bench", model.path(), "--repeats", "2", "--layers"}).out;
   EXPECT_THAT(text, HasSubstr("min ms"));
   EXPECT_THAT(text, HasSubstr("GF/s at median"));
   EXPECT_THAT(text, HasSubstr("neuron"));
+  EXPECT_THAT(text, HasSubstr("% of peak"));
   EXPECT_THAT(text, Not(HasSubstr("sgemm")));
 }
 

@@ -12,6 +12,7 @@ namespace {
 
 using nlohmann::json;
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 
 TEST(ProgramInspect, PrintsALineForEachLayerAndTheTotal) {
@@ -29,6 +30,20 @@ TEST(ProgramInspect, PrintsALineForEachLayerAndTheTotal) {
                           "    4  neuron  fc      1x1x1x5         480            480",
                           "    5  max     prob    1x1x1x5           0              0",
                           "    -  total   -       -               610           7584"));
+}
+
+TEST(ProgramInspect, ThePlanNamesHowEachLayerIsComputed) {
+  const TemporaryFile model(small_network().bytes());
+  const auto lines = lines_of(run_ravu({"inspect", model.path(), "--plan"}).out);
+  ASSERT_EQ(lines.size(), 13U);
+  EXPECT_THAT(lines[5], EndsWith("multiply-adds  kernel"));
+  EXPECT_THAT(lines[6], EndsWith("6912  direct"));
+  EXPECT_THAT(lines[7], EndsWith("0  fused"));
+  EXPECT_THAT(lines[8], EndsWith("0  -"));
+  EXPECT_THAT(lines[9], EndsWith("192  direct"));
+  const json planned = json::parse(run_ravu({"inspect", model.path(), "--plan", "--json"}).out);
+  EXPECT_EQ(planned["layers"][1]["kernel"], "fused");
+  EXPECT_FALSE(planned["layers"][2].contains("kernel"));
 }
 
 TEST(ProgramInspect, JsonHoldsTheSameFigures) {

@@ -90,9 +90,21 @@ std::string layer_class(const BaseLayer& layer) {
   return "type " + std::to_string(layer.type);
 }
 
-std::string layer_kernel(const BaseLayer& layer) {
-  const auto* conv = dynamic_cast<const ConvLayer*>(&layer);
-  return conv != nullptr && conv->single_precision ? kernels::form_name(conv_form(*conv)) : "";
+std::vector<std::string> layer_kernels(const Network& network) {
+  std::vector<std::string> kernels(network.layers.size());
+  for (std::size_t i = 0; i < network.layers.size(); ++i) {
+    const BaseLayer& layer = *network.layers[i];
+    const auto* conv = dynamic_cast<const ConvLayer*>(&layer);
+    if (conv != nullptr && conv->single_precision) {
+      kernels[i] = ravu::kernels::form_name(conv_form(*conv));
+    }
+    // A follower stands right behind the layer that computes it.
+    std::size_t next = i;
+    for (const BaseLayer* follower : layer.followers) {
+      if (follower != nullptr) kernels[++next] = "fused";
+    }
+  }
+  return kernels;
 }
 
 }  // namespace ravu::tools

@@ -3,8 +3,9 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
-#include "graph/BaseLayer.h"
+#include "graph/ravuGraph.h"
 
 namespace ravu::tools {
 
@@ -20,8 +21,9 @@ LayerCosts layer_costs(const BaseLayer& layer);
 // The keyword of the layer's class in a model file ("conv"); "crop" for the crop at the input.
 std::string layer_class(const BaseLayer& layer);
 
-// How run mode 0 computes a convolution that has been set up for it ("direct", "winograd",
-// "depthwise", "gather"); empty for layers that have only one form.
-std::string layer_kernel(const BaseLayer& layer);
+// How each layer of a network that has been set up for run mode 0 is computed: a convolution's form
+// ("direct", "winograd", "winograd2", "depthwise", "gather"), "fused" for a layer that is computed
+// by the one before it, empty for the others.
+std::vector<std::string> layer_kernels(const Network& network);
 
 }  // namespace ravu::tools

@@ -1,0 +1,29 @@
+// Matrices turned over, with sides around the block's, for any number of threads.
+#include <gtest/gtest.h>
+
+#include "kernels/kernels.h"
+#include "kernels/workers.h"
+#include "support/ModelBuilder.h"
+
+namespace ravu::test {
+namespace {
+
+TEST(TransposeKernel, PutsRowsInPlaceOfColumns) {
+  for (const std::size_t threads : {1U, 3U}) {
+    kernels::Workers workers;
+    workers.set_threads(threads);
+    for (const std::size_t rows : {1U, 15U, 16U, 17U, 100U}) {
+      for (const std::size_t columns : {1U, 7U, 16U, 33U, 64U}) {
+        const auto input = random_values(rows * columns, 1);
+        std::vector<float> output(rows * columns);
+        kernels::transpose(input.data(), rows, columns, output.data(), workers);
+        for (std::size_t i = 0; i < input.size(); ++i) {
+          ASSERT_EQ(output[i % columns * rows + i / columns], input[i]) << rows << " " << columns;
+        }
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace ravu::test
