@@ -106,11 +106,11 @@ def open_opencv(folder: Path, network: str, threads: int, images: np.ndarray) ->
 
 def open_torch(folder: Path, network: str, threads: int, images: np.ndarray) -> Opened:
     import torch
-    from torch_module import traced_module
+    from torch_module import memory_format, traced_module
 
     torch.set_num_threads(threads)
     module = traced_module(folder, network, len(images))
-    pixels = torch.from_numpy(images).to(memory_format=torch.channels_last)
+    pixels = torch.from_numpy(images).to(memory_format=memory_format(network))
 
     def run() -> list[np.ndarray]:
         with torch.inference_mode():

@@ -31,7 +31,8 @@ if [ "${1:-}" = --fresh ]; then
   shift
   rm -f $folder/results.jsonl
 fi
-RAVU_COMMIT=$(git describe --always --dirty --exclude '*')
+RAVU_COMMIT=$(git log -1 --format=%h -- src)
+git diff --quiet HEAD -- src || RAVU_COMMIT+=" with changes"
 export RAVU_COMMIT
 # What was measured goes into the document also when time is up before the end.
 status=0
