@@ -8,7 +8,8 @@ there are not measured again. After --seconds no further cell is started: starti
 In a cell every engine has a process of its own (child.py) that stays while the cell is measured.
 Each round gives each engine a turn of at least TURN seconds, beginning with another one each time,
 and asks the machine for its limits; so whatever else the machine does falls on all alike. The
-first round only counts how many runs a turn takes. Short cells get more rounds.
+first round only counts how many runs a turn takes. Short cells get more rounds. Short turns that
+other programs disturbed are repeated.
 """
 
 from __future__ import annotations
@@ -39,6 +40,12 @@ ENOUGH = 20.0
 """Seconds after which no further round than the least is begun."""
 
 TURN = 0.3
+QUIET = 0.1
+"""A turn is disturbed when other programs, or other machines on the same cores, take more than this
+part of one core."""
+RETRIES = 1.0
+"""Seconds within which a disturbed turn is repeated."""
+
 PATIENCE = 300.0
 
 REFERENCE = "onnxruntime"
@@ -96,6 +103,12 @@ class Child:
         self.process.wait()
         return last
 
+    def cpu_seconds(self) -> float:
+        """Processor time of all its threads so far."""
+        stat = Path(f"/proc/{self.process.pid}/stat").read_text(encoding="utf-8")
+        fields = stat.rpartition(")")[2].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
     def kill(self) -> None:
         self.process.kill()
         self.process.wait()
@@ -119,6 +132,26 @@ def environment(threads: int) -> dict[str, str]:
     path = os.pathsep.join([str(BUILD / "python"), str(Path(__file__).parent)])
     counts = {name: str(threads) for name in ("OMP_NUM_THREADS", "OPENBLAS_NUM_THREADS")}
     return {**os.environ, **counts, "PYTHONPATH": path}
+
+
+def busy_seconds() -> float:
+    """Time that all cores were not idle so far, with what other machines took from them."""
+    with open("/proc/stat", encoding="ascii") as file:
+        user, nice, system, _, _, *interrupts = file.readline().split()[1:9]
+    ticks = sum(int(field) for field in (user, nice, system, *interrupts))
+    return ticks / os.sysconf("SC_CLK_TCK")
+
+
+def quiet_turn(child: Child, runs: int) -> list[float]:
+    """Seconds of each run, of the first turn that was not disturbed or of the last one tried."""
+    deadline = time.monotonic() + RETRIES
+    while True:
+        busy, own, start = busy_seconds(), child.cpu_seconds(), time.monotonic()
+        seconds = child.run(runs)
+        end = time.monotonic()
+        others = busy_seconds() - busy - (child.cpu_seconds() - own)
+        if others <= QUIET * (end - start) or end > deadline:
+            return seconds
 
 
 def difference(outputs: Path, reference: Path) -> float:
@@ -194,7 +227,7 @@ def take_turns(children: dict[str, Child], results: dict[str, Result]) -> dict[s
             break
         for engine in [engine for engine in order if engine in children]:
             try:
-                seconds = children[engine].run(runs[engine])
+                seconds = quiet_turn(children[engine], runs[engine])
             except ChildFailed as failed:
                 results[engine] = replace(results[engine], error=str(failed), rounds=())
                 children.pop(engine).kill()

@@ -246,9 +246,13 @@ def test_who_fails_in_a_turn_leaves_the_comparison(tmp_path, monkeypatch):
     monkeypatch.setattr(measure, "ENOUGH", 0.0)
     monkeypatch.setattr(measure, "TURN", 2.0)
     monkeypatch.setattr(measure, "machine_limits", lambda threads: limits(100.0 * threads))
+    monkeypatch.setattr(measure, "busy_seconds", lambda: 0.0)
     asked = []
 
     class Steady:
+        def cpu_seconds(self):
+            return 0.0
+
         def run(self, runs):
             asked.append(runs)
             return [0.5] * runs
@@ -267,3 +271,45 @@ def test_who_fails_in_a_turn_leaves_the_comparison(tmp_path, monkeypatch):
     assert asked == [1, "killed", 4, 4]
     assert results["ravu"].rounds == (0.5 / 8, 0.5 / 8)
     assert results["ncnn"].error == "the process ended by itself"
+
+
+@pytest.mark.parametrize(("others", "turns"), [([0.0], 1), ([0.1, 0.1, 0.0], 3)])
+def test_a_disturbed_turn_is_repeated(monkeypatch, others, turns):
+    """The clock stands still, so a turn in which others did anything is a disturbed one."""
+    busy = {"own": 0.0, "others": 0.0}
+
+    class Working:
+        def cpu_seconds(self):
+            return busy["own"]
+
+        def run(self, runs):
+            busy["own"] += 1.0
+            busy["others"] += others.pop(0)
+            return [busy["own"]] * runs
+
+    monkeypatch.setattr(measure, "busy_seconds", lambda: busy["own"] + busy["others"])
+    monkeypatch.setattr(measure.time, "monotonic", lambda: 0.0)
+    assert measure.quiet_turn(Working(), 2) == [turns, turns]
+
+
+def test_a_disturbed_turn_counts_when_no_time_is_left(monkeypatch):
+    class Slow:
+        def cpu_seconds(self):
+            return 0.0
+
+        def run(self, runs):
+            return [measure.RETRIES] * runs
+
+    clock = iter(range(0, 100, 2))
+    monkeypatch.setattr(measure, "busy_seconds", lambda: float(next(clock)))
+    monkeypatch.setattr(measure.time, "monotonic", lambda: float(next(clock)))
+    assert measure.quiet_turn(Slow(), 3) == [measure.RETRIES] * 3
+
+
+def test_processor_time_is_counted(tmp_path, monkeypatch):
+    working = "import time\nwhile time.process_time() < 0.3: pass\n" + ECHO
+    before = measure.busy_seconds()
+    process = child(tmp_path, monkeypatch, working)
+    assert 0.2 < process.cpu_seconds() < 2
+    assert measure.busy_seconds() - before >= 0.2
+    process.finish()
