@@ -36,14 +36,14 @@ from results import FIRST, Cell, Result, Results
 ROOT = Path(__file__).parents[2]
 BUILD = ROOT / "build" / "release"
 LEAST_ROUNDS, MOST_ROUNDS = 5, 15
-ENOUGH = 20.0
+ENOUGH = 12.0
 """Seconds after which no further round than the least is begun."""
 
 TURN = 0.3
 QUIET = 0.1
 """A turn is disturbed when other programs, or other machines on the same cores, take more than this
 part of one core."""
-RETRIES = 1.0
+RETRIES = 0.6
 """Seconds within which a disturbed turn is repeated."""
 
 PATIENCE = 300.0
