@@ -7,6 +7,8 @@
 #include <new>
 #include <utility>
 
+#include "kernels/large_pages.h"
+
 #if __has_include(<sanitizer/asan_interface.h>)
 #include <sanitizer/asan_interface.h>
 #else
@@ -29,6 +31,7 @@ std::shared_ptr<float> make_storage(std::size_t reserved, std::uint32_t count,
   constexpr auto alignment = std::align_val_t{kStorageAlignment};
   auto* data = static_cast<float*>(::operator new(reserved, alignment));
   const std::size_t used = std::size_t{count} * sizeof(float);
+  kernels::prefer_large_pages(data, used);
   if (source == nullptr) {
     std::memset(data, 0, used);
   } else {

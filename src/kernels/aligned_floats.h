@@ -5,6 +5,8 @@
 #include <memory>
 #include <new>
 
+#include "kernels/large_pages.h"
+
 namespace ravu::kernels {
 
 class AlignedFloats {
@@ -14,7 +16,9 @@ class AlignedFloats {
   // Throws std::bad_alloc.
   explicit AlignedFloats(std::size_t size)
       : floats_(static_cast<float*>(::operator new(size * sizeof(float), kAlignment))),
-        size_(size) {}
+        size_(size) {
+    prefer_large_pages(floats_.get(), size * sizeof(float));
+  }
 
   float* data() const { return floats_.get(); }
   std::size_t size() const { return size_; }

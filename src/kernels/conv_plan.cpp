@@ -30,7 +30,7 @@ ConvForm best_form(const ConvSizes& sizes, std::span<const ConvGroup> groups) {
   const WinogradSide side = winograd_side(sizes);
   if (side == WinogradSide::kFour) return ConvForm::kWinograd;
   if (side == WinogradSide::kTwo) return ConvForm::kSmallWinograd;
-  if (packed_scratch_floats(sizes) <= kMaxPackedScratch) return ConvForm::kDirect;
+  if (can_pack(sizes)) return ConvForm::kDirect;
   return ConvForm::kGather;
 }
 
@@ -113,7 +113,7 @@ std::size_t ConvPlan::scratch_floats(const ConvSizes& sizes, std::span<const Con
                                      std::size_t threads) const {
   switch (form(sizes, groups)) {
     case ConvForm::kDirect:
-      return packed_scratch_floats(sizes) * threads;
+      return packed_scratch_floats(sizes, threads);
     case ConvForm::kWinograd:
     case ConvForm::kSmallWinograd:
       return winograd_scratch_floats(sizes);

@@ -8,7 +8,6 @@
 
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "kernels/fully_connected.cpp"
-#include <hwy/cache_control.h>
 #include <hwy/foreach_target.h>
 #include <hwy/highway.h>
 
@@ -21,20 +20,13 @@ namespace {
 namespace hn = hwy::HWY_NAMESPACE;
 
 constexpr std::size_t kRows = 4;  // of weights in one pass over the sums
-constexpr std::size_t kLineFloats = 16;
 
-// sums[i] += sum over `kCount` rows r of weights[r * stride + i] * features[r], i < n. Asks for
-// as many rows from `next` on meanwhile: the processor does not foresee the step from one piece of
-// a row to the next.
+// sums[i] += sum over `kCount` rows r of weights[r * stride + i] * features[r], i < n.
 template <std::size_t kCount>
-void add_rows(const float* weights, std::size_t stride, const float* next, const float* features,
-              std::size_t n, float* sums) {
-  for_each_vector(n, [=](auto d, std::size_t i) HWY_ATTR {
+void add_rows(const float* weights, std::size_t stride, const float* features, std::size_t n,
+              float* sums) {
+  for_each_vector(n, [=](auto d, std::size_t i) {
     auto sum = hn::LoadU(d, sums + i);
-    if (i % kLineFloats == 0) {
-#pragma GCC unroll 4
-      for (std::size_t r = 0; r < kCount; ++r) hwy::Prefetch(next + r * stride + i);
-    }
 #pragma GCC unroll 4
     for (std::size_t r = 0; r < kCount; ++r) {
       sum = hn::MulAdd(hn::Set(d, features[r]), hn::LoadU(d, weights + r * stride + i), sum);
@@ -50,16 +42,15 @@ void multiply_piece(const float* weights, std::size_t stride, const float* input
     std::fill_n(output + image * stride, n, 0.0F);
   std::size_t k = 0;
   for (; k + kRows <= features; k += kRows) {
-    const std::size_t ahead = k + 2 * kRows <= features ? k + kRows : k;
     for (std::size_t image = 0; image < images; ++image) {
-      add_rows<kRows>(weights + k * stride, stride, weights + ahead * stride,
-                      input + image * features + k, n, output + image * stride);
+      add_rows<kRows>(weights + k * stride, stride, input + image * features + k, n,
+                      output + image * stride);
     }
   }
   for (; k < features; ++k) {
     for (std::size_t image = 0; image < images; ++image) {
-      add_rows<1>(weights + k * stride, stride, weights + k * stride, input + image * features + k,
-                  n, output + image * stride);
+      add_rows<1>(weights + k * stride, stride, input + image * features + k, n,
+                  output + image * stride);
     }
   }
 }
@@ -74,8 +65,7 @@ namespace {
 
 HWY_EXPORT(multiply_piece);
 
-constexpr std::size_t kLongestPiece =
-    1024;  // outputs: four images' sums take half of a 32 KiB cache
+constexpr std::size_t kPieceSums = 4096;  // of all images of a turn: half of a 32 KiB cache
 constexpr std::size_t kShortestPiece = 64;
 constexpr std::size_t kImages = 4;  // that share one pass over the weights
 
@@ -84,9 +74,10 @@ constexpr std::size_t kImages = 4;  // that share one pass over the weights
 void multiply(const float* weights, const float* input, float* output, std::size_t batch,
               std::size_t features, std::size_t outputs, Workers& workers) {
   const auto piece_function = HWY_DYNAMIC_DISPATCH(multiply_piece);
-  const std::size_t shares = workers.threads() == 1 ? 1 : 2 * workers.threads();
-  const std::size_t piece =
-      std::clamp((outputs + shares - 1) / shares, kShortestPiece, kLongestPiece);
+  // Pieces as long as can be: memory is read fastest where rows go on and on.
+  const std::size_t longest = kPieceSums / std::clamp<std::size_t>(batch, 1, kImages);
+  const std::size_t share = (outputs + workers.threads() - 1) / workers.threads();
+  const std::size_t piece = std::clamp(share, kShortestPiece, longest);
   const std::size_t pieces = (outputs + piece - 1) / piece;
   const std::size_t turns = (batch + kImages - 1) / kImages;
   workers.run(pieces * turns, [&](std::size_t index, std::size_t) {

@@ -1,6 +1,6 @@
 // Local response normalisation in blocks of pixels. The running sum of one pixel is a chain of
-// additions in a fixed order, so several pixels are summed side by side; the power is vectorised
-// across elements.
+// additions in a fixed order, so a block is turned and its pixels are summed side by side; the
+// power is vectorised across elements.
 #include <algorithm>
 
 #include "kernels/kernels.h"
@@ -82,26 +82,75 @@ void apply_power(const float* scale, const float* input, float* output, std::siz
   });
 }
 
-// The denominators of kPixels pixels of `channels` channels each. Channel c sums the squares of the
-// channels from c - half to c + half as far as they exist.
-template <std::size_t kPixels>
+// The denominators of one pixel. Channel c sums the squares of the channels from c - half to c +
+// half as far as they exist.
 void denominators(const Lrn& p, std::size_t channels, const float* squares, float* scale) {
-  float sum[kPixels] = {};
-  const auto each_pixel = [channels](auto step) {
-    for (std::size_t i = 0; i < kPixels; ++i) step(i, i * channels);
-  };
-  for (std::size_t c = 0; c < channels && c < p.half; ++c) {
-    each_pixel([&](std::size_t i, std::size_t pixel) { sum[i] += squares[pixel + c]; });
-  }
+  float sum = 0;
+  for (std::size_t c = 0; c < channels && c < p.half; ++c) sum += squares[c];
   for (std::size_t c = 0; c < channels; ++c) {
-    if (p.half < channels - c) {
-      const float* entering = squares + c + p.half;
-      each_pixel([&](std::size_t i, std::size_t pixel) { sum[i] += entering[pixel]; });
+    if (p.half < channels - c) sum += squares[c + p.half];
+    scale[c] = sum + p.k;
+    if (c >= p.half) sum -= squares[c - p.half];
+  }
+}
+
+// The same for kLrnBlockPixels pixels side by side: rows of one channel's values. Each pixel's sum
+// is the chain of additions above.
+void denominators_of_rows(const Lrn& p, const float* squares, float* scale) {
+  const hn::CappedTag<float, kLrnBlockPixels> d;
+  const auto row = [](std::size_t c) { return c * kLrnBlockPixels; };
+  for (std::size_t i = 0; i < kLrnBlockPixels; i += hn::Lanes(d)) {
+    auto sum = hn::Zero(d);
+    for (std::size_t c = 0; c < p.channels && c < p.half; ++c) {
+      sum = hn::Add(sum, hn::LoadU(d, squares + row(c) + i));
     }
-    each_pixel([&](std::size_t i, std::size_t pixel) { scale[pixel + c] = sum[i] + p.k; });
-    if (c >= p.half) {
-      const float* leaving = squares + c - p.half;
-      each_pixel([&](std::size_t i, std::size_t pixel) { sum[i] -= leaving[pixel]; });
+    for (std::size_t c = 0; c < p.channels; ++c) {
+      if (p.half < p.channels - c) sum = hn::Add(sum, hn::LoadU(d, squares + row(c + p.half) + i));
+      hn::StoreU(hn::Add(sum, hn::Set(d, p.k)), d, scale + row(c) + i);
+      if (c >= p.half) sum = hn::Sub(sum, hn::LoadU(d, squares + row(c - p.half) + i));
+    }
+  }
+}
+
+// to[c][r] = from[r][c] for 4 x 4 floats; rows lie a stride apart.
+void turn_square(const float* from, std::size_t from_stride, float* to, std::size_t to_stride) {
+#if HWY_TARGET == HWY_SCALAR
+  for (std::size_t r = 0; r < 4; ++r) {
+    for (std::size_t c = 0; c < 4; ++c) to[c * to_stride + r] = from[r * from_stride + c];
+  }
+#else
+  const hn::FixedTag<float, 4> d;
+  const hn::FixedTag<double, 2> pairs;
+  const auto first = hn::LoadU(d, from);
+  const auto second = hn::LoadU(d, from + from_stride);
+  const auto third = hn::LoadU(d, from + 2 * from_stride);
+  const auto fourth = hn::LoadU(d, from + 3 * from_stride);
+  const auto upper_left = hn::BitCast(pairs, hn::InterleaveLower(d, first, second));
+  const auto upper_right = hn::BitCast(pairs, hn::InterleaveUpper(d, first, second));
+  const auto lower_left = hn::BitCast(pairs, hn::InterleaveLower(d, third, fourth));
+  const auto lower_right = hn::BitCast(pairs, hn::InterleaveUpper(d, third, fourth));
+  const auto store = [=](auto both, std::size_t c)
+                         HWY_ATTR { hn::StoreU(hn::BitCast(d, both), d, to + c * to_stride); };
+  store(hn::InterleaveLower(pairs, upper_left, lower_left), 0);
+  store(hn::InterleaveUpper(pairs, upper_left, lower_left), 1);
+  store(hn::InterleaveLower(pairs, upper_right, lower_right), 2);
+  store(hn::InterleaveUpper(pairs, upper_right, lower_right), 3);
+#endif
+}
+
+// to[c][r] = from[r][c]; `rows` or `columns` is kLrnBlockPixels.
+void turn_block(const float* from, std::size_t rows, std::size_t columns, float* to) {
+  for (std::size_t r = 0; r < rows; r += 4) {
+    for (std::size_t c = 0; c < columns; c += 4) {
+      if (r + 4 <= rows && c + 4 <= columns) {
+        turn_square(from + r * columns + c, columns, to + c * rows + r, rows);
+        continue;
+      }
+      for (std::size_t y = r; y < rows && y < r + 4; ++y) {
+        for (std::size_t x = c; x < columns && x < c + 4; ++x) {
+          to[x * rows + y] = from[y * columns + x];
+        }
+      }
     }
   }
 }
@@ -109,18 +158,22 @@ void denominators(const Lrn& p, std::size_t channels, const float* squares, floa
 // n values that begin with a pixel.
 void lrn_piece(const Lrn& p, const float* input, float* scale, float* output, std::size_t n,
                float* scratch) {
-  const std::size_t block = lrn_scratch_floats(n, p.channels);
+  const std::size_t block = p.channels * kLrnBlockPixels;
   for (std::size_t start = 0; start < n;) {
-    const std::size_t left = n - start;
-    const bool whole = block > p.channels && left >= block;
-    const std::size_t run = whole ? block : (left < p.channels ? left : p.channels);
-    squares_of(input + start, scratch, run, p.factor);
+    const bool whole = n - start >= block;
+    const std::size_t run = whole ? block : (n - start < p.channels ? n - start : p.channels);
+    float* own_scale = scale + start;
     if (whole) {
-      denominators<kLrnBlockPixels>(p, p.channels, scratch, scale + start);
+      float* turned = scratch + block;
+      squares_of(input + start, own_scale, run, p.factor);
+      turn_block(own_scale, kLrnBlockPixels, p.channels, scratch);
+      denominators_of_rows(p, scratch, turned);
+      turn_block(turned, p.channels, kLrnBlockPixels, own_scale);
     } else {
-      denominators<1>(p, run, scratch, scale + start);
+      squares_of(input + start, scratch, run, p.factor);
+      denominators(p, run, scratch, own_scale);
     }
-    apply_power(scale + start, input + start, output + start, run, p.power);
+    apply_power(own_scale, input + start, output + start, run, p.power);
     start += run;
   }
 }
@@ -140,7 +193,7 @@ constexpr std::size_t kTaskFloats = std::size_t{1} << 14;  // about
 }  // namespace
 
 std::size_t lrn_scratch_floats(std::size_t n, std::size_t channels) {
-  return n / kLrnBlockPixels < channels ? channels : channels * kLrnBlockPixels;
+  return n / kLrnBlockPixels < channels ? channels : 2 * channels * kLrnBlockPixels;
 }
 
 void lrn(const Lrn& p, const float* input, float* scale, float* output, std::size_t n,

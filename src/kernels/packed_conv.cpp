@@ -11,9 +11,9 @@
 namespace ravu::kernels {
 namespace {
 
-constexpr std::size_t kSliceDepth = 1024;  // floats of a patch in a slice
 constexpr std::size_t kBlockPixels = 204;  // output pixels of a block at most: whole tiles
 constexpr std::size_t kMostPixels = kBlockPixels;
+constexpr std::size_t kLeastBlockPixels = 96;  // of a block that has scratch memory of its own
 static_assert(kBlockPixels % kTilePixels == 0);
 
 // A rectangle of output pixels that is computed as a whole.
@@ -164,21 +164,14 @@ std::size_t read_columns(const ConvSizes& s, std::size_t columns) {
   return (columns - 1) * s.stride_w + s.kernel_w;
 }
 
-// Floats that a copy of a block's input takes, or more than kMaxPackedScratch.
+// Floats that a copy of a block's input takes, or more than kMaxBlockCopy.
 std::size_t copy_floats(const ConvSizes& s, std::size_t rows, std::size_t columns) {
   std::size_t floats = s.group_channels;
   for (const std::size_t factor : {read_rows(s, rows), read_columns(s, columns)}) {
-    if (floats > kMaxPackedScratch || factor > kMaxPackedScratch) return kMaxPackedScratch + 1;
+    if (floats > kMaxBlockCopy || factor > kMaxBlockCopy) return kMaxBlockCopy + 1;
     floats *= factor;
   }
   return floats;
-}
-
-// The size of the parts when `whole` is cut into as few as possible, all about equal, of `most` at
-// most.
-std::size_t even_part(std::size_t whole, std::size_t most) {
-  const std::size_t parts = std::max<std::size_t>((whole + most - 1) / most, 1);
-  return std::max<std::size_t>((whole + parts - 1) / parts, 1);
 }
 
 // Rows and columns of the blocks that the output is cut into: kBlockPixels at most, fewer where
@@ -188,7 +181,7 @@ Block block_size(const ConvSizes& s) {
   if (columns < s.columns) columns = (columns + kTilePixels - 1) / kTilePixels * kTilePixels;
   Block block{0, 0, even_part(s.rows, kBlockPixels / columns), columns};
   if (reads_in_place(s)) return block;
-  while (copy_floats(s, block.rows, block.columns) > kMaxPackedScratch) {
+  while (copy_floats(s, block.rows, block.columns) > kMaxBlockCopy) {
     std::size_t& longer = block.rows > 1 ? block.rows : block.columns;
     if (longer == 1) break;
     longer /= 2;
@@ -196,35 +189,67 @@ Block block_size(const ConvSizes& s) {
   return block;
 }
 
-// Copies what a block reads, padding included, group channels only. Positions are those of the
-// padded image.
-void copy_input(const ConvSizes& s, const float* image, const Block& block, float* to) {
-  const std::size_t columns = read_columns(s, block.columns);
-  const std::size_t left = s.shift_w + block.column * s.stride_w;
+// Copies `columns` pixels of one row from column `left` on, padding included, group channels only.
+// Positions are those of the padded image.
+void copy_row(const ConvSizes& s, const float* image, std::size_t row, std::size_t left,
+              std::size_t columns, float* to) {
+  float* end_of_row = to + columns * s.group_channels;
   // Columns [first, end) of the copy lie inside the image.
   const std::size_t first = std::min(s.pad_w > left ? s.pad_w - left : 0, columns);
   const std::size_t border = s.pad_w + s.width;
   const std::size_t end = std::clamp(border > left ? border - left : 0, first, columns);
-  for (std::size_t y = 0; y < read_rows(s, block.rows); ++y) {
-    float* row = to + y * columns * s.group_channels;
-    float* row_end = row + columns * s.group_channels;
-    const std::size_t padded_y = s.shift_h + block.row * s.stride_h + y;
-    if (padded_y < s.pad_h || padded_y >= s.pad_h + s.height || first == end) {
-      std::fill(row, row_end, 0.0F);
-      continue;
-    }
-    const float* from =
-        image + ((padded_y - s.pad_h) * s.width + left + first - s.pad_w) * s.channels;
-    row = std::fill_n(row, first * s.group_channels, 0.0F);
-    if (s.group_channels == s.channels) {
-      row = std::copy_n(from, (end - first) * s.channels, row);
-    } else {
-      for (std::size_t x = first; x < end; ++x, from += s.channels) {
-        row = std::copy_n(from, s.group_channels, row);
-      }
-    }
-    std::fill(row, row_end, 0.0F);
+  if (row < s.pad_h || row >= s.pad_h + s.height || first == end) {
+    std::fill(to, end_of_row, 0.0F);
+    return;
   }
+  const float* from = image + ((row - s.pad_h) * s.width + left + first - s.pad_w) * s.channels;
+  to = std::fill_n(to, first * s.group_channels, 0.0F);
+  if (s.group_channels == s.channels) {
+    to = std::copy_n(from, (end - first) * s.channels, to);
+  } else {
+    for (std::size_t x = first; x < end; ++x, from += s.channels) {
+      to = std::copy_n(from, s.group_channels, to);
+    }
+  }
+  std::fill(to, end_of_row, 0.0F);
+}
+
+// Copies what a block reads.
+void copy_input(const ConvSizes& s, const float* image, const Block& block, float* to) {
+  const std::size_t columns = read_columns(s, block.columns);
+  for (std::size_t y = 0; y < read_rows(s, block.rows); ++y) {
+    copy_row(s, image, s.shift_h + block.row * s.stride_h + y,
+             s.shift_w + block.column * s.stride_w, columns, to + y * columns * s.group_channels);
+  }
+}
+
+// The padded image of one group, whose patches can be read in place.
+ConvSizes padded_image(const ConvSizes& sizes) {
+  ConvSizes s = sizes;
+  s.batch = 1;
+  s.height += 2 * s.pad_h;
+  s.width += 2 * s.pad_w;
+  s.pad_h = s.pad_w = 0;
+  s.channels = s.group_channels;
+  return s;
+}
+
+// Floats of the padded image, or more than kMaxPaddedImage.
+std::size_t padded_floats(const ConvSizes& s) {
+  std::size_t floats = s.group_channels;
+  for (const std::size_t factor : {s.height + 2 * s.pad_h, s.width + 2 * s.pad_w}) {
+    if (floats > kMaxPaddedImage || factor > kMaxPaddedImage) return kMaxPaddedImage + 1;
+    floats *= factor;
+  }
+  return floats;
+}
+
+// Whether blocks would be so small that the weights, which pass once over each of them, take more
+// than the sums do.
+bool pads_whole_image(const ConvSizes& s) {
+  const Block block = block_size(s);
+  const std::size_t wanted = std::min(s.rows * s.columns, kLeastBlockPixels);
+  return block.rows * block.columns < wanted && padded_floats(s) <= kMaxPaddedImage;
 }
 
 void place_field(const ConvSizes& s, const float* image, float* output, const Block& block,
@@ -254,114 +279,26 @@ void place_field(const ConvSizes& s, const float* image, float* output, const Bl
   }
 }
 
-// Whether any of the `kernels` weight rows has a weight for this tap.
-bool tap_counts(const ConvSizes& s, const float* weights, std::size_t tap) {
-  const std::size_t patch = patch_floats(s);
-  for (std::size_t m = 0; m < s.kernels; ++m) {
-    const float* row = weights + m * patch + tap * s.group_channels;
-    if (std::any_of(row, row + s.group_channels, [](float w) { return w != 0.0F; })) return true;
-  }
-  return false;
-}
-
-// Adds a tap's floats to the runs, joined with its left neighbour; a full slice ends before it.
-void add_tap(PackedConv& packed, std::uint32_t row, std::uint32_t column, std::size_t length) {
-  if (packed.slices.empty() || packed.slices.back().depth + length > kSliceDepth) {
-    packed.slices.push_back({packed.runs.size(), packed.runs.size(), 0});
-  }
-  PatchSlice& slice = packed.slices.back();
-  PatchRun* last = slice.end_run > slice.first_run ? &packed.runs.back() : nullptr;
-  const bool joins =
-      last != nullptr && last->row == row && last->column + last->length / length == column;
-  if (joins) {
-    last->length += static_cast<std::uint32_t>(length);
-  } else {
-    packed.runs.push_back({row, column, static_cast<std::uint32_t>(length)});
-  }
-  slice.end_run = packed.runs.size();
-  slice.depth += length;
-  packed.depth += length;
-}
-
-void choose_runs(const ConvSizes& s, const float* weights, PackedConv& packed) {
-  // Without channels there may be any number of taps, and no weights for them.
-  const std::size_t taps = s.group_channels == 0 || s.kernels == 0 ? 0 : s.kernel_h * s.kernel_w;
-  for (std::size_t tap = 0; tap < taps; ++tap) {
-    if (!tap_counts(s, weights, tap)) continue;
-    add_tap(packed, static_cast<std::uint32_t>(tap / s.kernel_w),
-            static_cast<std::uint32_t>(tap % s.kernel_w), s.group_channels);
-  }
-  // Without any weight there is still a bias to write.
-  if (packed.slices.empty()) packed.slices.push_back({0, 0, 0});
-}
-
-// Writes the rows of one panel: `width` weights for each float of the patch, zeros behind the
-// `channels` that exist.
-void pack_panel(const ConvSizes& s, const float* weights, const PackedConv& packed,
-                std::size_t channels, std::size_t width, float* to) {
-  const std::size_t patch = patch_floats(s);
-  for (const PatchRun& run : packed.runs) {
-    const float* from = weights + (run.row * s.kernel_w + run.column) * s.group_channels;
-    for (std::size_t k = 0; k < run.length; ++k, to += width) {
-      for (std::size_t m = 0; m < channels; ++m) to[m] = from[m * patch + k];
-      std::fill(to + channels, to + width, 0.0F);
-    }
-  }
-}
-
-// So many that threads which draw them finish at about the same time.
-constexpr std::size_t kTasksPerThread = 12;
-
-// How many parts the panels are cut into when there are too few blocks for the threads.
-std::size_t panel_groups(std::size_t blocks, std::size_t panels, std::size_t threads) {
+// How many parts the panels are cut into when there are too few blocks for threads which draw them
+// to finish at about the same time. Each part of a block copies its input anew.
+std::size_t panel_groups(std::size_t blocks, std::size_t panels, std::size_t threads, bool copies) {
   if (threads == 1) return 1;
-  const std::size_t wanted = (kTasksPerThread * threads + blocks - 1) / blocks;
-  return std::clamp<std::size_t>(wanted, 1, std::max<std::size_t>(panels, 1));
+  const std::size_t tasks = (copies ? 4 : 12) * threads;
+  return std::clamp<std::size_t>((tasks + blocks - 1) / blocks, 1,
+                                 std::max<std::size_t>(panels, 1));
 }
 
-}  // namespace
-
-PackedConv pack_conv(const ConvSizes& sizes, const float* weights, Workers& workers) {
-  const TileVectors vectors = tile_vectors();
-  PackedConv packed;
-  packed.lanes = vectors.lanes;
-  packed.panel_width = vectors.lanes * vectors.most;
-  packed.patch = patch_floats(sizes);
-  packed.kernels = sizes.kernels;
-  choose_runs(sizes, weights, packed);
-  packed.weights = AlignedFloats(packed.depth * whole_vectors(sizes.kernels, packed.lanes));
-  const std::size_t panels = (sizes.kernels + packed.panel_width - 1) / packed.panel_width;
-  workers.run(panels, [&](std::size_t panel, std::size_t) {
-    const std::size_t first = panel * packed.panel_width;
-    const std::size_t channels = std::min(sizes.kernels - first, packed.panel_width);
-    pack_panel(sizes, weights + first * packed.patch, packed, channels,
-               whole_vectors(channels, packed.lanes), packed.weights.data() + first * packed.depth);
-  });
-  return packed;
-}
-
-std::size_t packed_scratch_floats(const ConvSizes& s) {
-  if (reads_in_place(s)) return 0;
-  const Block block = block_size(s);
-  return copy_floats(s, block.rows, block.columns);
-}
-
-bool packed_for(const PackedConv& packed, const ConvSizes& sizes) {
-  return packed.weights && packed.patch == patch_floats(sizes) && packed.kernels == sizes.kernels &&
-         packed_scratch_floats(sizes) <= kMaxPackedScratch;
-}
-
-void convolve_packed(const ConvSizes& sizes, const float* input, const PackedConv& packed,
+// The work is drawn block by block and, where blocks are few, panel by panel.
+void convolve_blocks(const ConvSizes& s, const float* input, const PackedConv& packed,
                      const float* bias, const ElementSteps& steps, float* output, float* scratch,
                      Workers& workers) {
-  const ConvSizes s = joined(sizes);
-  if (s.batch == 0 || s.rows == 0 || s.columns == 0) return;
   const Block size = block_size(s);
   const std::size_t across = (s.columns + size.columns - 1) / size.columns;
   const std::size_t blocks = (s.rows + size.rows - 1) / size.rows * across;
   const std::size_t panels = (s.kernels + packed.panel_width - 1) / packed.panel_width;
-  const std::size_t groups = panel_groups(s.batch * blocks, panels, workers.threads());
-  const std::size_t scratch_floats = packed_scratch_floats(s);
+  const bool copies = !reads_in_place(s);
+  const std::size_t groups = panel_groups(s.batch * blocks, panels, workers.threads(), copies);
+  const std::size_t own_scratch = copies ? copy_floats(s, size.rows, size.columns) : 0;
   workers.run(s.batch * blocks * groups, [&](std::size_t index, std::size_t worker) {
     const std::size_t group = index % groups;
     const std::size_t place = index / groups % blocks;
@@ -371,10 +308,49 @@ void convolve_packed(const ConvSizes& sizes, const float* input, const PackedCon
     block.columns = std::min(size.columns, s.columns - block.column);
     Field field;
     place_field(s, input + image * s.height * s.width * s.channels, output + image * s.out_image,
-                block, scratch + worker * scratch_floats, field);
+                block, scratch + worker * own_scratch, field);
     multiply_panels(packed, field, bias, steps, s.kernels, group * panels / groups,
                     (group + 1) * panels / groups);
   });
+}
+
+}  // namespace
+
+bool can_pack(const ConvSizes& s) {
+  if (reads_in_place(s) || pads_whole_image(s)) return true;
+  const Block block = block_size(s);
+  return copy_floats(s, block.rows, block.columns) <= kMaxBlockCopy;
+}
+
+std::size_t packed_scratch_floats(const ConvSizes& s, std::size_t threads) {
+  if (reads_in_place(s)) return 0;
+  if (pads_whole_image(s)) return padded_floats(s);
+  const Block block = block_size(s);
+  return copy_floats(s, block.rows, block.columns) * threads;
+}
+
+bool packed_for(const PackedConv& packed, const ConvSizes& sizes) {
+  return packed.weights && packed.patch == patch_floats(sizes) && packed.kernels == sizes.kernels &&
+         can_pack(sizes);
+}
+
+void convolve_packed(const ConvSizes& sizes, const float* input, const PackedConv& packed,
+                     const float* bias, const ElementSteps& steps, float* output, float* scratch,
+                     Workers& workers) {
+  if (sizes.batch == 0 || sizes.rows == 0 || sizes.columns == 0) return;
+  if (reads_in_place(sizes) || !pads_whole_image(sizes)) {
+    convolve_blocks(joined(sizes), input, packed, bias, steps, output, scratch, workers);
+    return;
+  }
+  const ConvSizes padded = padded_image(sizes);
+  for (std::size_t n = 0; n < sizes.batch; ++n) {
+    const float* image = input + n * sizes.height * sizes.width * sizes.channels;
+    workers.run(padded.height, [&](std::size_t row, std::size_t) {
+      copy_row(sizes, image, row, 0, padded.width, scratch + row * padded.width * padded.channels);
+    });
+    convolve_blocks(padded, scratch, packed, bias, steps, output + n * sizes.out_image, nullptr,
+                    workers);
+  }
 }
 
 }  // namespace ravu::kernels

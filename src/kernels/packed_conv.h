@@ -13,9 +13,9 @@
 
 namespace ravu::kernels {
 
-// Consecutive floats of a patch: of one kernel row, from the tap in this column on.
+// Consecutive floats of a patch: of one kernel row, from this channel of the tap in this column on.
 struct PatchRun {
-  std::uint32_t row, column, length;
+  std::uint32_t row, column, channel, length;
 };
 
 // A part of the patch whose weights stay in the cache while they pass over many pixels.
@@ -42,18 +42,21 @@ struct PackedConv {
 // are left out: they cost nothing. Throws std::bad_alloc.
 PackedConv pack_conv(const ConvSizes& sizes, const float* weights, Workers& workers);
 
-// Floats of scratch memory that each thread wants for such a convolution; more than
-// kMaxPackedScratch: the sizes are too large for this form.
-inline constexpr std::size_t kMaxPackedScratch = std::size_t{1} << 17;
-std::size_t packed_scratch_floats(const ConvSizes& sizes);
+// Whether the sizes are small enough for this form.
+bool can_pack(const ConvSizes& sizes);
+
+// Floats of scratch memory: what each thread copies of the input for a block, kMaxBlockCopy at
+// most, or one padded image where that is too little for a block of useful size.
+inline constexpr std::size_t kMaxBlockCopy = std::size_t{1} << 17;
+inline constexpr std::size_t kMaxPaddedImage = std::size_t{1} << 22;
+std::size_t packed_scratch_floats(const ConvSizes& sizes, std::size_t threads);
 
 // Whether the weights were packed for these sizes, as far as a layer's can change.
 bool packed_for(const PackedConv& packed, const ConvSizes& sizes);
 
 // The sums of `convolve`, in another order that depends on the sizes alone, and then the steps. The
 // bias and the steps' parameters have one value for each output channel of the group; null: no
-// bias. `scratch` has packed_scratch_floats for each thread. The result does not depend on the
-// number of threads.
+// bias. `scratch` has packed_scratch_floats. The result does not depend on the number of threads.
 void convolve_packed(const ConvSizes& sizes, const float* input, const PackedConv& packed,
                      const float* bias, const ElementSteps& steps, float* output, float* scratch,
                      Workers& workers);

@@ -42,7 +42,8 @@ HWY_NOINLINE void multiply_tile(const TileSlice& slice, const Tile& tile) {
   }
   const float* HWY_RESTRICT weights = slice.weights;
   for (const PatchRun* run = slice.first; run != slice.end; ++run) {
-    const std::size_t offset = run->row * slice.row_floats + run->column * slice.pixel_floats;
+    const std::size_t offset =
+        run->row * slice.row_floats + run->column * slice.pixel_floats + run->channel;
     const float* values[kTilePixels];
 #pragma GCC unroll 8
     for (std::size_t p = 0; p < kTilePixels; ++p) values[p] = tile.pixels[p] + offset;

@@ -38,6 +38,17 @@ inline constexpr std::size_t kMaxTileLanes = 16;
 inline constexpr std::size_t kMaxTileVectors = 4;
 TileVectors tile_vectors();
 
+// Floats of a patch whose weights pass over all pixels before the next ones, about: the weights of
+// a panel then stay in the nearest cache.
+inline constexpr std::size_t kSliceDepth = 320;
+
+// The size of the parts when `whole` is cut into as few as possible, all about equal, of `most` at
+// most.
+inline std::size_t even_part(std::size_t whole, std::size_t most) {
+  const std::size_t parts = whole <= most ? 1 : (whole + most - 1) / most;
+  return whole == 0 ? 1 : (whole + parts - 1) / parts;
+}
+
 // Output channels rounded up to whole vectors.
 inline std::size_t whole_vectors(std::size_t channels, std::size_t lanes) {
   return (channels + lanes - 1) / lanes * lanes;

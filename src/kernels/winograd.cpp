@@ -157,7 +157,6 @@ void transform_tiles(const ConvSizes& s, const float* input, const TileBlock& bl
 // One of the products, for all channels of the output.
 void multiply_product(const WinogradConv& packed, const TileBlock& block, std::size_t product) {
   const std::size_t out_width = whole_vectors(packed.kernels, packed.lanes);
-  const PatchRun run{0, 0, static_cast<std::uint32_t>(packed.channels)};
   const float* tiles = block.tiles + product * block.count * packed.channels;
   float* sums = block.sums + product * block.count * out_width;
   const float* weights = packed.weights.data() + product * packed.channels * out_width;
@@ -169,19 +168,24 @@ void multiply_product(const WinogradConv& packed, const TileBlock& block, std::s
     patches[t] = tiles + existing * packed.channels;
     outputs[t] = sums + existing * out_width;
   }
+  const std::size_t depth = even_part(packed.channels, kSliceDepth);
   for (std::size_t first = 0; first < out_width; first += packed.panel_width) {
     const std::size_t width = std::min(packed.panel_width, out_width - first);
     const MultiplyTile multiply = tile_loop(width / packed.lanes);
-    const TileSlice slice{.first = &run,
-                          .end = &run + 1,
-                          .row_floats = 0,
-                          .pixel_floats = 0,
-                          .weights = weights + first * packed.channels,
-                          .bias = nullptr,
-                          .steps = nullptr,
-                          .continues = false};
-    for (std::size_t t = 0; t < tiles_computed; t += kTilePixels) {
-      multiply(slice, {patches + t, outputs + t, first});
+    for (std::size_t c = 0; c < packed.channels; c += depth) {
+      const PatchRun run{0, 0, static_cast<std::uint32_t>(c),
+                         static_cast<std::uint32_t>(std::min(depth, packed.channels - c))};
+      const TileSlice slice{.first = &run,
+                            .end = &run + 1,
+                            .row_floats = 0,
+                            .pixel_floats = 0,
+                            .weights = weights + first * packed.channels + c * width,
+                            .bias = nullptr,
+                            .steps = nullptr,
+                            .continues = c != 0};
+      for (std::size_t t = 0; t < tiles_computed; t += kTilePixels) {
+        multiply(slice, {patches + t, outputs + t, first});
+      }
     }
   }
 }

@@ -4,6 +4,7 @@
 #include "kernels/workers.h"
 
 #include <cblas.h>
+#include <hwy/cache_control.h>
 
 #include <algorithm>
 #include <atomic>
@@ -19,15 +20,16 @@
 namespace ravu::kernels {
 namespace {
 
-// Looks at a word before sleeping on it: long enough for the pause between two layers, far below a
-// time slice of the scheduler.
-constexpr int kLooks = 2000;
+// Looks at a word before sleeping on it: some ten microseconds, more than the pause between most
+// layers and than waking up takes, far below a time slice of the scheduler.
+constexpr int kLooks = 1500;
 
 // Waits until the word differs from `seen`; returns it.
 std::uint32_t await_change(const std::atomic<std::uint32_t>& word, std::uint32_t seen) {
   for (int look = 0; look < kLooks; ++look) {
     const std::uint32_t now = word.load(std::memory_order_acquire);
     if (now != seen) return now;
+    hwy::Pause();
   }
   word.wait(seen, std::memory_order_acquire);
   return word.load(std::memory_order_acquire);

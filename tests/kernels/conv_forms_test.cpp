@@ -45,12 +45,17 @@ constexpr Case kCases[] = {
     {{3, 17, 13, 6, 1, 34, 1, 1, 0}, ConvForm::kDirect},
     {{2, 15, 15, 12, 2, 18, 1, 1, 0}, ConvForm::kDirect},
     {{1, 8, 8, 6, 1, 7, 1, 1, 0, 2}, ConvForm::kDirect},
+    {{2, 3, 4, 700, 1, 18, 1, 1, 0}, ConvForm::kDirect},
+    {{1, 5, 4, 330, 1, 3, 3, 2, 1}, ConvForm::kDirect},
+    {{2, 9, 8, 600, 1, 2, 9, 1, 4}, ConvForm::kDirect},
+    {{1, 8, 9, 1200, 2, 1, 9, 1, 4, 2}, ConvForm::kDirect},
     {{1, 12, 12, 16, 1, 16, 3, 1, 1}, ConvForm::kWinograd},
     {{1, 14, 14, 33, 1, 19, 3, 1, 1}, ConvForm::kWinograd},
     {{2, 13, 17, 20, 1, 40, 3, 1, 0}, ConvForm::kWinograd},
     {{3, 15, 12, 34, 2, 17, 3, 1, 1}, ConvForm::kWinograd},
     {{1, 12, 13, 16, 1, 21, 3, 1, 2}, ConvForm::kWinograd},
     {{9, 12, 12, 18, 1, 16, 3, 1, 1}, ConvForm::kWinograd},
+    {{1, 12, 12, 350, 1, 17, 3, 1, 1}, ConvForm::kWinograd},
     {{1, 6, 6, 32, 1, 32, 3, 1, 1}, ConvForm::kSmallWinograd},
     {{1, 7, 7, 33, 1, 35, 3, 1, 1}, ConvForm::kSmallWinograd},
     {{2, 9, 8, 40, 1, 50, 3, 1, 0}, ConvForm::kSmallWinograd},
@@ -62,6 +67,7 @@ constexpr Case kCases[] = {
     {{3, 6, 11, 33, 33, 1, 3, 1, 0}, ConvForm::kDepthwise},
     {{1, 9, 9, 40, 40, 1, 5, 2, 2}, ConvForm::kDepthwise},
     {{1, 2, 1, 9, 9, 1, 3, 1, 1}, ConvForm::kDepthwise},
+    {{1, 4, 23, 17, 17, 1, 3, 1, 1}, ConvForm::kDepthwise},
     {{1, 10, 12, 7, 7, 1, 3, 1, 1, 2}, ConvForm::kDepthwise},
     {{1, 3, 3, 20, 20, 1, 1, 1, 0}, ConvForm::kDepthwise},
     {{2, 4, 4, 5, 5, 1, 3, 1, 4}, ConvForm::kDepthwise},
@@ -131,7 +137,7 @@ struct Layer {
     kernels::Workers workers;
     workers.set_threads(threads);
     std::vector<float> output(sizes.batch * sizes.out_image, std::nanf(""));
-    std::vector<float> scratch(kernels::packed_scratch_floats(sizes) * threads);
+    std::vector<float> scratch(kernels::packed_scratch_floats(sizes, threads));
     for (std::size_t g = 0; g < weights.size(); ++g) {
       kernels::convolve_packed(sizes, input.data() + g * sizes.group_channels,
                                kernels::pack_conv(sizes, weights[g].data(), workers),
@@ -331,13 +337,24 @@ TEST(ConvForms, ScratchMemoryOfTheDirectFormIsOneBlocksInputForEachThread) {
     EXPECT_EQ(plan.scratch_floats(layer.sizes, layer.groups(), threads), 11U * 11 * 4 * threads);
   }
   // What is read in place needs none.
-  EXPECT_EQ(kernels::packed_scratch_floats(sizes_of({1, 56, 56, 256, 1, 64, 1, 1, 0})), 0U);
-  EXPECT_EQ(kernels::packed_scratch_floats(sizes_of({1, 56, 56, 256, 1, 512, 1, 2, 0})), 0U);
+  EXPECT_EQ(kernels::packed_scratch_floats(sizes_of({1, 56, 56, 256, 1, 64, 1, 1, 0}), 4), 0U);
+  EXPECT_EQ(kernels::packed_scratch_floats(sizes_of({1, 56, 56, 256, 1, 512, 1, 2, 0}), 4), 0U);
   // Half a MiB at most, at any size.
   for (const int side : {10, 300, 3000}) {
     const auto floats =
-        kernels::packed_scratch_floats(sizes_of({9, side, side, 64, 1, 9, 5, 2, 2}));
-    EXPECT_LE(floats, kernels::kMaxPackedScratch);
+        kernels::packed_scratch_floats(sizes_of({9, side, side, 64, 1, 9, 5, 2, 2}), 1);
+    EXPECT_LE(floats, kernels::kMaxBlockCopy);
+  }
+}
+
+// A spread kernel: a block of a few pixels reads as much as the whole image.
+TEST(ConvForms, ScratchMemoryOfTheDirectFormIsOnePaddedImageWhereBlocksWouldBeTiny) {
+  for (const int batch : {1, 9}) {
+    for (const std::size_t threads : {1U, 4U}) {
+      EXPECT_EQ(kernels::packed_scratch_floats(sizes_of({batch, 19, 19, 512, 1, 1024, 13, 1, 6}),
+                                               threads),
+                31U * 31 * 512);
+    }
   }
 }
 

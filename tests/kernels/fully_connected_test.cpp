@@ -18,8 +18,9 @@ struct Product {
 };
 
 // Around the pieces of outputs, the rows and the images that are taken together.
-constexpr Product kProducts[] = {{1, 1, 1}, {1, 3, 63},   {1, 4, 64},    {2, 5, 65},   {4, 7, 130},
-                                 {5, 9, 1}, {9, 16, 100}, {1, 30, 1025}, {3, 2, 2049}, {1, 0, 5}};
+constexpr Product kProducts[] = {{1, 1, 1},    {1, 3, 63}, {1, 4, 64},   {2, 5, 65},
+                                 {4, 7, 130},  {5, 9, 1},  {9, 16, 100}, {1, 30, 1025},
+                                 {3, 2, 2049}, {1, 0, 5},  {1, 5, 4101}};
 
 std::vector<float> multiply(const Product& p, std::size_t threads) {
   const auto size = [](int n) { return static_cast<std::size_t>(n); };
