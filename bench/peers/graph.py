@@ -1,4 +1,4 @@
-"""A network as a list of nodes with shapes: the one description that every engine's file is made of.
+"""A network as a list of nodes with shapes: the one description of which every file is made.
 
 Tensors have no batch axis here: (channels, height, width), or (rows, values) behind `rows`. Batch
 normalisation does not occur: networks are described as they are deployed, folded into convolutions.

@@ -30,6 +30,7 @@ from statistics import median
 from typing import Any
 
 import numpy as np
+from engines import ENGINES
 from networks import NETWORKS
 from results import FIRST, Cell, Result, Results
 
@@ -54,14 +55,12 @@ TOLERANCE_LRN = 5e-3
 """The engine's power in a local response normalisation is an approximation."""
 
 SYSTEM_PYTHON, OWN_PYTHON = "/usr/bin/python3", str(ROOT / "build/bench_venv/bin/python3")
-PYTHON_OF = {
-    "ravu": SYSTEM_PYTHON,
-    "onnxruntime": OWN_PYTHON,
-    "openvino": OWN_PYTHON,
-    "ncnn": OWN_PYTHON,
-    "opencv": OWN_PYTHON,
-    "torch": SYSTEM_PYTHON,
-}
+SYSTEM_ENGINES = {"ravu", "torch"}
+"""Built for Debian's numpy, which the packages from elsewhere are too new for."""
+
+
+def python_of(engine: str) -> str:
+    return SYSTEM_PYTHON if engine in SYSTEM_ENGINES else OWN_PYTHON
 
 
 class ChildFailed(Exception):
@@ -75,7 +74,7 @@ class Child:
         self.engine, self.cell, self.outputs = engine, cell, outputs
         arguments = [cell.network, cell.batch, cell.threads, outputs]
         self.process = subprocess.Popen(
-            [PYTHON_OF[engine], Path(__file__).with_name("child.py"), engine, folder]
+            [python_of(engine), Path(__file__).with_name("child.py"), engine, folder]
             + [str(argument) for argument in arguments],
             stdin=subprocess.PIPE,
             stdout=subprocess.PIPE,
@@ -269,7 +268,7 @@ def main() -> None:
     start = time.monotonic()
     results = Results(arguments.folder / "results.jsonl")
     for cell in cells(arguments):
-        engines = results.missing(cell, PYTHON_OF)
+        engines = results.missing(cell, ENGINES)
         if not engines:
             continue
         if time.monotonic() - start > arguments.seconds:

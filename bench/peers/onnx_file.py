@@ -87,9 +87,9 @@ class _Writer:
     def normalize(self, node: Node) -> None:
         length = self._emit("ReduceL2", node.inputs, node.name + "_length", axes=[1], keepdims=1)
         unit = self._emit("Div", [node.inputs[0], length], node.name + "_unit")
-        scale = numpy_helper.from_array(np.float32([node.attributes["scale"]]), node.name + "_scale")
-        self.constants.append(scale)
-        self._emit("Mul", [unit, scale.name], node.name)
+        scale = np.float32([node.attributes["scale"]])
+        self.constants.append(numpy_helper.from_array(scale, node.name + "_scale"))
+        self._emit("Mul", [unit, node.name + "_scale"], node.name)
 
     def add(self, node: Node) -> None:
         self._emit("Add", node.inputs, node.name + "_sum")

@@ -13,18 +13,12 @@ from collections.abc import Sequence
 from pathlib import Path
 from statistics import median
 
+from engines import ENGINES
 from networks import NETWORKS
 from results import FIRST, Cell, Result, Results
 
 BEGIN, END = "<!-- figures of the comparison -->\n", "<!-- end of the figures -->\n"
-TITLES = {
-    "ravu": "ravu",
-    "onnxruntime": "ONNX Runtime",
-    "openvino": "OpenVINO",
-    "ncnn": "ncnn",
-    "opencv": "OpenCV",
-    "torch": "torch",
-}
+TITLES = {engine: title for engine, (title, _) in ENGINES.items()}
 BATCHES, THREADS = (1, 8), (1, 2)
 MEBI = 1024
 

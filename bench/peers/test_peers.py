@@ -219,7 +219,7 @@ print(json.dumps({"peak_kib": 7}), flush=True)
 def child(tmp_path, monkeypatch, program):
     (tmp_path / "child.py").write_text(program)
     monkeypatch.setattr(measure, "__file__", str(tmp_path / "measure.py"))
-    monkeypatch.setitem(measure.PYTHON_OF, "ncnn", sys.executable)
+    monkeypatch.setattr(measure, "python_of", lambda engine: sys.executable)
     return measure.Child("ncnn", tmp_path, CELL, tmp_path / "outputs.npz")
 
 
