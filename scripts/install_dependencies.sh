@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Installs what building, testing and the demo need on Debian 12, and only what is missing: Debian's
 # packages, and for the tests the Python packages that Debian lacks, those into build/venv.
-# Usage: scripts/install_dependencies.sh build|test|check
+# Usage: scripts/install_dependencies.sh build|test|check|bench
 #   build  the library, the ravu program, the demo
 #   test   the same and the test suite, fuzzing included
 #   check  the same and the tools of scripts/check.sh
+#   bench  what test needs, and what bench/peers compares with and draws with
 set -euo pipefail
 
 build=(
@@ -33,12 +34,18 @@ check=(
   oclgrind        # finds kernels that read out of bounds or race
   python3-torch   # the demo models once more, exported to ONNX and converted
 )
+bench=(
+  python3-matplotlib  # the plot of docs/performance.md
+  python3-torch       # one of the engines that the comparison times
+  util-linux          # taskset: every program on the same cores
+)
 
 case "${1:-build}" in
   build) wanted=("${build[@]}") ;;
   test) wanted=("${build[@]}" "${test[@]}") ;;
   check) wanted=("${build[@]}" "${test[@]}" "${check[@]}") ;;
-  *) echo "usage: $0 build|test|check" >&2; exit 2 ;;
+  bench) wanted=("${build[@]}" "${test[@]}" "${bench[@]}") ;;
+  *) echo "usage: $0 build|test|check|bench" >&2; exit 2 ;;
 esac
 
 install_packages() {
