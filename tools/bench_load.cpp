@@ -65,7 +65,7 @@ LoadReport measure_load(const BenchOptions& options) {
     set_up(*network, options.mode);
     seconds[2].push_back(watch.lap());
     const auto pixels = seeded_pixels(network->input->count, kInputSeed);
-    for (const std::size_t pass : {3, 4}) {
+    for (const std::size_t pass : {3U, 4U}) {
       feed(*network, pixels);
       watch.lap();
       run(*network, options.mode);
