@@ -210,6 +210,7 @@ class Processor {
     layer_.pad_w = layer_.pad_h = c.pad();
     layer_.groups = c.groups;
     layer_.output_channels = c.outputs / c.groups;
+    workspace_.workers().set_threads(ravu::kernels::blas_threads());
     layer_.workspace = &workspace_;
     for (int group = 0; group < c.groups; ++group) {
       layer_.weights.push_back(
