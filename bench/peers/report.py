@@ -84,17 +84,22 @@ def time_tables(results: Results) -> str:
             if rows:
                 images = "one image" if batch == 1 else f"{batch} images at once"
                 counted = "one thread" if threads == 1 else f"{threads} threads"
-                own = sorted(versions_of(results, batch, threads))
-                text += f"**{images.capitalize()}, {counted}**, ms an image; ravu at "
-                text += ", ".join(own) + "\n\n"
+                text += f"**{images.capitalize()}, {counted}**, ms an image; "
+                text += commits(results, batch, threads) + "\n\n"
                 text += table(header, rows) + "\n"
     return text
 
 
-def versions_of(results: Results, batch: int, threads: int) -> set[str]:
-    """The commits at which the first engine was measured."""
-    found = [results.get(Cell(key, batch, threads), FIRST) for key in NETWORKS]
-    return {result.version for result in found if result is not None and result.version}
+def commits(results: Results, batch: int, threads: int) -> str:
+    """Where the first engine stood: the commit of most rows, then the rows of others."""
+    titles: dict[str, list[str]] = {}
+    for key, (title, _) in NETWORKS.items():
+        result = results.get(Cell(key, batch, threads), FIRST)
+        if result is not None and result.version:
+            titles.setdefault(result.version, []).append(title)
+    (most, _), *others = sorted(titles.items(), key=lambda entry: -len(entry[1])) or [("?", [])]
+    exceptions = "".join(f", {', '.join(rows)} at {version}" for version, rows in others)
+    return f"{TITLES[FIRST]} at {most}{exceptions}"
 
 
 def memory_table(results: Results) -> str:

@@ -194,6 +194,13 @@ def test_rows_show_every_engine_and_the_share_of_the_peak(tmp_path):
     assert row[-1] == "50 %"
 
 
+def test_rows_of_another_commit_are_named(tmp_path):
+    results = Results(tmp_path / "results.jsonl")
+    for network, version in (("alexnet", "1a"), ("vgg16", "2b"), ("ssd300", "1a")):
+        results.append([result(FIRST, 1.0, cell=Cell(network, 1, 1), version=version)])
+    assert report.commits(results, 1, 1) == "ravu at 1a, VGG16 at 2b"
+
+
 def test_engines_without_figures_are_named_with_the_reason(tmp_path):
     text = report.figures(small_results(tmp_path))
     assert "No figures of torch (ImportError: there is none): alexnet x 1, 1 threads." in text
