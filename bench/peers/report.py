@@ -20,7 +20,8 @@ from results import FIRST, Cell, Result, Results
 BEGIN, END = "<!-- figures of the comparison -->\n", "<!-- end of the figures -->\n"
 TITLES = {engine: title for engine, (title, _) in ENGINES.items()}
 BATCHES, THREADS = (1, 8), (1, 2)
-MEBI = 1024
+CELLS = [Cell(key, b, t) for key in NETWORKS for b in BATCHES for t in THREADS]
+KIB_IN_MIB = 1024
 
 
 def table(header: Sequence[str], rows: Sequence[Sequence[str]]) -> str:
@@ -45,13 +46,11 @@ def time_rows(results: Results, batch: int, threads: int) -> list[list[str]]:
         cell = Cell(key, batch, threads)
         found = {engine: results.get(cell, engine) for engine in TITLES}
         timed = [r for r in found.values() if r is not None and r.rounds]
-        if not timed:
-            continue
-        best = min(timed, key=lambda r: r.minimum)
+        best = min(timed, key=lambda r: r.minimum, default=None)
         row = [title]
         for result in found.values():
-            text = "-" if result is None or not result.rounds else f"{1e3 * result.minimum:.2f}"
-            row.append(f"**{text}**" if result is best else text)
+            text = "-" if result not in timed else f"{1e3 * result.minimum:.2f}"
+            row.append(f"**{text}**" if timed and result is best else text)
         rows.append(row + comparison(results, cell) + limit_cells(found[FIRST], build()))
     return rows
 
@@ -81,7 +80,7 @@ def time_tables(results: Results) -> str:
     for batch in BATCHES:
         for threads in THREADS:
             rows = time_rows(results, batch, threads)
-            if rows:
+            if any(set(row[1:]) != {"-"} for row in rows):
                 images = "one image" if batch == 1 else f"{batch} images at once"
                 counted = "one thread" if threads == 1 else f"{threads} threads"
                 text += f"**{images.capitalize()}, {counted}**, ms an image; "
@@ -108,7 +107,7 @@ def memory_table(results: Results) -> str:
     def shown(result: Result | None) -> str:
         if result is None or not result.rounds:
             return "-"
-        return f"{(result.peak_kib - result.bare_kib) / MEBI:.0f}"
+        return f"{(result.peak_kib - result.bare_kib) / KIB_IN_MIB:.0f}"
 
     rows = []
     for key, (title, build) in NETWORKS.items():
@@ -131,9 +130,13 @@ def opening_table(results: Results) -> str:
     return table(["network", *TITLES.values()], rows)
 
 
+def text_of(cell: Cell) -> str:
+    threads = "1 thread" if cell.threads == 1 else f"{cell.threads} threads"
+    return f"{NETWORKS[cell.network][0]} x {cell.batch}, {threads}"
+
+
 def all_results(results: Results) -> list[Result]:
-    cells = [Cell(key, b, t) for key in NETWORKS for b in BATCHES for t in THREADS]
-    found = [results.get(cell, engine) for cell in cells for engine in TITLES]
+    found = [results.get(cell, engine) for cell in CELLS for engine in TITLES]
     return [result for result in found if result is not None]
 
 
@@ -184,11 +187,11 @@ def agreement(results: Results) -> str:
     reasons: dict[tuple[str, str], list[str]] = {}
     for r in found:
         if r.error:
-            where = f"{r.cell.network} x {r.cell.batch}, {r.cell.threads} threads"
-            reasons.setdefault((r.engine, r.error), []).append(where)
+            reasons.setdefault((r.engine, r.error), []).append(text_of(r.cell))
     for (engine, error), where in reasons.items():
         text += f"No figures of {TITLES[engine]} ({error}): {'; '.join(where)}.\n"
-    return text
+    missing = [text_of(cell) for cell in CELLS if results.missing(cell, TITLES)]
+    return text + (f"Not measured yet: {'; '.join(missing)}.\n" if missing else "")
 
 
 def renewed(document: str, figures: str) -> str:

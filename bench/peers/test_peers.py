@@ -188,10 +188,11 @@ def test_the_fastest_peer_is_that_of_the_same_run(tmp_path):
 
 
 def test_rows_show_every_engine_and_the_share_of_the_peak(tmp_path):
-    (row,) = report.time_rows(small_results(tmp_path), batch=1, threads=1)
+    row, *others = report.time_rows(small_results(tmp_path), batch=1, threads=1)
     assert row[:7] == ["AlexNet", "4.00", "-", "5.00", "**3.00**", "-", "-"]
     # 2 x 724 million operations in 4 ms are 362 GF/s.
     assert row[-1] == "50 %"
+    assert [other[1:] for other in others] == [["-"] * 10] * 6
 
 
 def test_rows_of_another_commit_are_named(tmp_path):
@@ -203,8 +204,9 @@ def test_rows_of_another_commit_are_named(tmp_path):
 
 def test_engines_without_figures_are_named_with_the_reason(tmp_path):
     text = report.figures(small_results(tmp_path))
-    assert "No figures of torch (ImportError: there is none): alexnet x 1, 1 threads." in text
+    assert "No figures of torch (ImportError: there is none): AlexNet x 1, 1 thread." in text
     assert "AlexNet 2e-06 (OpenVINO)" in text
+    assert "Not measured yet: AlexNet x 1, 1 thread; AlexNet x 1, 2 threads; " in text
 
 
 def test_only_the_text_between_the_marks_is_renewed():
