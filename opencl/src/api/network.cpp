@@ -48,7 +48,7 @@ void cldnn_execute_network(cldnn_network network, cldnn_event* dependencies,
     Network& runnable = checked(network, "network");
     if (dependencies == nullptr && dependency_count > 0) refuse("the list of events is null");
     for (size_t i = 0; i < dependency_count; ++i) {
-      const cl_event event = checked(dependencies[i], "event").event.get();
+      auto* event = checked(dependencies[i], "event").event.get();
       if (event != nullptr) runnable.program->engine->queue.wait_unless_own(event);
     }
     runnable.execute();

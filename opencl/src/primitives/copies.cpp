@@ -79,7 +79,7 @@ class Permute final : public Primitive {
       refuse(id + ": an order of four entries is needed");
     }
     std::copy_n(desc.order.data, order_.size(), order_.begin());
-    for (uint16_t wanted = 0; wanted < order_.size(); ++wanted) {
+    for (std::size_t wanted = 0; wanted < order_.size(); ++wanted) {
       if (std::count(order_.begin(), order_.end(), wanted) != 1) {
         refuse(id + ": the order must hold each of 0 to 3 once");
       }

@@ -11,7 +11,7 @@ constexpr int64_t kRegisterPixels = 6;       // PIXELS of product.cl
 constexpr int64_t kWideRegisterPixels = 12;  // the same with LANES 16
 // The weights that work items on neighbouring pixels share should stay in a core's cache, and there
 // should be enough items for all cores.
-constexpr int64_t kSharedWeights = 32 * 1024;
+constexpr int64_t kSharedWeights = 32768;
 constexpr int64_t kEnoughItems = 64;
 constexpr int64_t kSide = 16;  // SIDE
 constexpr int64_t kTile = 64;  // TILE
