@@ -66,6 +66,7 @@ void add_primitive(GpuGraph& graph, cldnn_topology topology, cldnn::Kind kind,
                    const std::vector<std::string>& inputs, const GpuShape& output) {
   const cldnn::Library& library = *graph.library;
   std::vector<cldnn_id> ids;
+  ids.reserve(inputs.size());
   for (const std::string& input : inputs) ids.push_back(input.c_str());
   header.type = cldnn::check_status(library, std::string(cldnn::name_of(kind)) + " type id failed",
                                     library.type_id(kind));

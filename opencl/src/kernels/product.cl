@@ -58,7 +58,7 @@ __kernel void product_registers(__global const float* in, __global const float* 
   const int step = image.s4;
   in += part * features * step;
 
-  // Where the pixels' windows start. Those behind the last pixel are computed and not stored.
+  // Where the pixels' windows start. Behind the last pixel it is computed again, and not stored.
   int item = first % result.s2;
   int column = first / result.s2 % result.s0;
   int row = first / result.s2 / result.s0;
@@ -69,7 +69,7 @@ __kernel void product_registers(__global const float* in, __global const float* 
   const int from##i = y##i * image.s3 + x##i * image.s2 + item * image.s5;                \
   const int to##i = row * result.s6 + column * result.s5 + item * result.s7;              \
   whole_rows = whole_rows && x##i >= 0 && x##i + window.s0 <= image.s0;                   \
-  ++item;                                                                                 \
+  if (first + i + 1 < pixels) ++item;                                                     \
   if (item == result.s2) {                                                                \
     item = 0;                                                                             \
     ++column;                                                                             \

@@ -52,6 +52,20 @@ TEST(FullyConnected, TheTilesOfGpusAgreeWithTheNaiveOne) {
                  shared_engine("product_local"));
 }
 
+// One image leaves most of a tile of pixels empty, which must read nothing of its own. Few values
+// are not zero, so that a million of them can be added exactly.
+TEST(FullyConnected, EmptyPlacesOfATileReadNothingHoweverLongTheRows) {
+  Values in = zeros({1, 4096, 16, 16});
+  in.at(0, 0, 0, 0) = 2;
+  in.at(0, 4095, 15, 15) = -1;
+  const Values weights = random_values({2, 4096, 16, 16}, 2);
+  Graph graph;
+  graph.input("in", in);
+  graph.data("weights", weights);
+  graph.add(neurons(graph, "").header);
+  expect_near(graph.result("out"), fully_connected(in, weights, {}));
+}
+
 TEST(FullyConnected, OnlyTheProductOfTheWeightsSizesHasToFit) {
   const Values in = random_values({2, 4, 3, 3}, 1);
   // 36 rows of 5 values, described as 4 features of 9 x 1.
