@@ -148,12 +148,13 @@ ProgramHandle Queue::build(const std::string& source, const std::string& key) {
 void Queue::bind(const Launch& launch) {
   for (size_t i = 0; i < launch.arguments.size(); ++i) {
     const auto set = [&](const auto& value) {
+      // NOLINTNEXTLINE(bugprone-sizeof-expression): a memory object is passed as its handle
       return clSetKernelArg(launch.kernel.get(), static_cast<cl_uint>(i), sizeof(value), &value);
     };
     const Argument& argument = launch.arguments[i];
     cl_int code = CL_SUCCESS;
     if (const auto* slot = std::get_if<const Slot*>(&argument)) {
-      const cl_mem mem = (*slot)->get()->mem.get();
+      auto* mem = (*slot)->get()->mem.get();
       code = set(mem);
     } else {
       code = std::visit(set, argument);
@@ -203,7 +204,7 @@ void Queue::flush() {
 
 void Queue::wait_unless_own(cl_event event) {
   cl_context context = nullptr;
-  check_cl(clGetEventInfo(event, CL_EVENT_CONTEXT, sizeof(context), &context, nullptr),
+  check_cl(clGetEventInfo(event, CL_EVENT_CONTEXT, sizeof(cl_context), &context, nullptr),
            "looking at an event");
   if (context != context_.get()) wait(event);
 }
