@@ -144,6 +144,8 @@ void Network::change_input_shape(const Shape& shape) {
     grown += std::uint64_t{output->count} * sizeof(float);
     if (grown > memory_limit && storage_bytes() > memory_limit) throw std::bad_alloc();
   }
+  // What layers that write their own input made of it has not been counted.
+  if (storage_bytes() > memory_limit) throw std::bad_alloc();
   change.commit();
   bind_borrowers();
   link_followers(*this);

@@ -389,6 +389,19 @@ TEST(NetworkShapeChange, BeyondTheMachinesMemoryChangesNothing) {
   EXPECT_EQ(values_of(*graph.network.input), (std::vector<float>{1, 2, 3, 4}));
 }
 
+TEST(NetworkShapeChange, ALayerThatGrowsItsOwnInputIsLimitedToo) {
+  struct GrowingLayer : BaseLayer {
+    void Reshape() override { reshape(*outputs[0], square(1, 50)); }
+  };
+  Graph graph;
+  graph.network.memory_limit = 100 * sizeof(float);
+  auto layer = std::make_unique<GrowingLayer>();
+  layer->inputs = layer->outputs = {&graph.blob("a")};
+  graph.network.add_layer(std::move(layer));
+  EXPECT_THROW(graph.network.change_input_shape(square(1, 3)), std::bad_alloc);
+  EXPECT_EQ(graph.blob("a").dims, (Dims{1, 2, 2, 1}));
+}
+
 TEST(NetworkStorage, CountsEveryBlobOnceAndNoBorrower) {
   Graph graph;
   graph.add({"data"}, {"a"});
