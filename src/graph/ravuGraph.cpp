@@ -133,18 +133,8 @@ void Network::collect_outputs() {
 
 void Network::change_input_shape(const Shape& shape) {
   ShapeChange change(*this);
-  std::uint64_t grown = std::uint64_t{shape.count} * sizeof(float);
-  if (grown > memory_limit) throw std::bad_alloc();
   reshape(*input, shape);
-  for (const auto& layer : layers) {
-    layer->Reshape();
-    const Blob* output = last_output(*layer);
-    if (output == nullptr || output == last_input(*layer)) continue;
-    // The running sum may count a Blob twice, so it only says when the exact one is worth taking.
-    grown += std::uint64_t{output->count} * sizeof(float);
-    if (grown > memory_limit && storage_bytes() > memory_limit) throw std::bad_alloc();
-  }
-  // What layers that write their own input made of it has not been counted.
+  for (const auto& layer : layers) layer->Reshape();
   if (storage_bytes() > memory_limit) throw std::bad_alloc();
   change.commit();
   bind_borrowers();
