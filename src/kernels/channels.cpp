@@ -1,5 +1,5 @@
-// Groups of channels out of pixels and back. A group's channels are few and lie far apart, so both
-// directions go through the pixels in blocks that stay in the cache, and threads take runs of them.
+// Groups of channels out of pixels and back. Groups of one channel are a matrix turned over; of
+// others every pixel's few channels are copied, and threads take runs of pixels.
 #include <algorithm>
 
 #include "kernels/kernels.h"
@@ -8,46 +8,25 @@
 namespace ravu::kernels {
 namespace {
 
-// Pixels and groups of a block: as many floats as a cache line holds. Pixels often lie a power of
-// two apart, where few lines fit the cache at a time, so a block is done pixel by pixel.
-constexpr std::size_t kBlock = 16;
-
 // Pixels that one thread takes at a time.
-constexpr std::size_t kRunPixels = 16 * kBlock;
+constexpr std::size_t kRunPixels = 64;
 
 // How far the next pixel and the next group are.
 struct Place {
   std::size_t pixel, group;
 };
 
-// Copies `run` floats for each of the pixels [first, last) of each group.
-void copy_blocks(const float* from, Place source, float* to, Place target, std::size_t first,
-                 std::size_t last, std::size_t groups, std::size_t run) {
-  const auto copy_pixel = [=](std::size_t p, std::size_t group, std::size_t end) {
-    const float* read = from + p * source.pixel;
-    float* write = to + p * target.pixel;
-    if (run == 1) {  // a call for each float would take longer than the copy
-      for (std::size_t g = group; g < end; ++g) write[g * target.group] = read[g * source.group];
-    } else {
-      for (std::size_t g = group; g < end; ++g) {
-        std::copy_n(read + g * source.group, run, write + g * target.group);
-      }
-    }
-  };
-  for (std::size_t start = first; start < last; start += kBlock) {
-    for (std::size_t group = 0; group < groups; group += kBlock) {
-      for (std::size_t p = start; p < std::min(start + kBlock, last); ++p) {
-        copy_pixel(p, group, std::min(group + kBlock, groups));
-      }
-    }
-  }
-}
-
+// Copies `run` floats for each pixel of each group.
 void copy_runs(const float* from, Place source, float* to, Place target, std::size_t pixels,
                std::size_t groups, std::size_t run, Workers& workers) {
   workers.run((pixels + kRunPixels - 1) / kRunPixels, [&](std::size_t i, std::size_t) {
-    const std::size_t first = i * kRunPixels;
-    copy_blocks(from, source, to, target, first, std::min(first + kRunPixels, pixels), groups, run);
+    const std::size_t last = std::min((i + 1) * kRunPixels, pixels);
+    for (std::size_t p = i * kRunPixels; p < last; ++p) {
+      for (std::size_t g = 0; g < groups; ++g) {
+        std::copy_n(from + p * source.pixel + g * source.group, run,
+                    to + p * target.pixel + g * target.group);
+      }
+    }
   });
 }
 
@@ -56,6 +35,10 @@ void copy_runs(const float* from, Place source, float* to, Place target, std::si
 void split_channels(const float* input, std::size_t pixels, std::size_t channels,
                     std::size_t groups, std::size_t group_channels, float* slices,
                     Workers& workers) {
+  if (group_channels == 1) {
+    transpose(input, channels, pixels, groups, slices, pixels, workers);
+    return;
+  }
   copy_runs(input, {channels, group_channels}, slices, {group_channels, pixels * group_channels},
             pixels, groups, group_channels, workers);
 }
@@ -63,6 +46,10 @@ void split_channels(const float* input, std::size_t pixels, std::size_t channels
 void interleave_channels(const float* staging, std::size_t group_stride, std::size_t pixels,
                          std::size_t groups, std::size_t group_channels, float* output,
                          Workers& workers) {
+  if (group_channels == 1) {
+    transpose(staging, group_stride, groups, pixels, output, groups, workers);
+    return;
+  }
   copy_runs(staging, {group_channels, group_stride}, output,
             {groups * group_channels, group_channels}, pixels, groups, group_channels, workers);
 }

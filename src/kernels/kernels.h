@@ -61,9 +61,10 @@ struct AxisOrder {
 // Moves one image. Input and output are different arrays.
 void permute(const AxisOrder& axes, const float* input, float* output);
 
-// output[c][r] = input[r][c]. Input and output are different arrays.
-void transpose(const float* input, std::size_t rows, std::size_t columns, float* output,
-               Workers& workers);
+// to[c * to_stride + r] = from[r * from_stride + c] for `rows` x `columns` floats; strides in
+// floats. The arrays are different ones.
+void transpose(const float* from, std::size_t from_stride, std::size_t rows, std::size_t columns,
+               float* to, std::size_t to_stride, Workers& workers);
 
 struct PoolingSizes {
   std::size_t batch, height, width, channels;

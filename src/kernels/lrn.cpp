@@ -12,6 +12,7 @@
 #include <hwy/highway.h>
 
 #include "kernels/for_each_vector-inl.h"
+#include "kernels/transpose-inl.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace ravu::kernels::HWY_NAMESPACE {
@@ -112,49 +113,6 @@ void denominators_of_rows(const Lrn& p, const float* squares, float* scale) {
   }
 }
 
-// to[c][r] = from[r][c] for 4 x 4 floats; rows lie a stride apart.
-void turn_square(const float* from, std::size_t from_stride, float* to, std::size_t to_stride) {
-#if HWY_TARGET == HWY_SCALAR
-  for (std::size_t r = 0; r < 4; ++r) {
-    for (std::size_t c = 0; c < 4; ++c) to[c * to_stride + r] = from[r * from_stride + c];
-  }
-#else
-  const hn::FixedTag<float, 4> d;
-  const hn::FixedTag<double, 2> pairs;
-  const auto first = hn::LoadU(d, from);
-  const auto second = hn::LoadU(d, from + from_stride);
-  const auto third = hn::LoadU(d, from + 2 * from_stride);
-  const auto fourth = hn::LoadU(d, from + 3 * from_stride);
-  const auto upper_left = hn::BitCast(pairs, hn::InterleaveLower(d, first, second));
-  const auto upper_right = hn::BitCast(pairs, hn::InterleaveUpper(d, first, second));
-  const auto lower_left = hn::BitCast(pairs, hn::InterleaveLower(d, third, fourth));
-  const auto lower_right = hn::BitCast(pairs, hn::InterleaveUpper(d, third, fourth));
-  const auto store = [=](auto both, std::size_t c)
-                         HWY_ATTR { hn::StoreU(hn::BitCast(d, both), d, to + c * to_stride); };
-  store(hn::InterleaveLower(pairs, upper_left, lower_left), 0);
-  store(hn::InterleaveUpper(pairs, upper_left, lower_left), 1);
-  store(hn::InterleaveLower(pairs, upper_right, lower_right), 2);
-  store(hn::InterleaveUpper(pairs, upper_right, lower_right), 3);
-#endif
-}
-
-// to[c][r] = from[r][c]; `rows` or `columns` is kLrnBlockPixels.
-void turn_block(const float* from, std::size_t rows, std::size_t columns, float* to) {
-  for (std::size_t r = 0; r < rows; r += 4) {
-    for (std::size_t c = 0; c < columns; c += 4) {
-      if (r + 4 <= rows && c + 4 <= columns) {
-        turn_square(from + r * columns + c, columns, to + c * rows + r, rows);
-        continue;
-      }
-      for (std::size_t y = r; y < rows && y < r + 4; ++y) {
-        for (std::size_t x = c; x < columns && x < c + 4; ++x) {
-          to[x * rows + y] = from[y * columns + x];
-        }
-      }
-    }
-  }
-}
-
 // n values that begin with a pixel.
 void lrn_piece(const Lrn& p, const float* input, float* scale, float* output, std::size_t n,
                float* scratch) {
@@ -166,9 +124,9 @@ void lrn_piece(const Lrn& p, const float* input, float* scale, float* output, st
     if (whole) {
       float* turned = scratch + block;
       squares_of(input + start, own_scale, run, p.factor);
-      turn_block(own_scale, kLrnBlockPixels, p.channels, scratch);
+      turn_block(own_scale, p.channels, kLrnBlockPixels, p.channels, scratch, kLrnBlockPixels);
       denominators_of_rows(p, scratch, turned);
-      turn_block(turned, p.channels, kLrnBlockPixels, own_scale);
+      turn_block(turned, kLrnBlockPixels, p.channels, kLrnBlockPixels, own_scale, p.channels);
     } else {
       squares_of(input + start, scratch, run, p.factor);
       denominators(p, run, scratch, own_scale);

@@ -23,7 +23,7 @@ void transpose(Blob& blob, kernels::Workers& workers) {
   turned.count = rows * columns;
   turned.layout = blob.layout;
   allocate(turned);
-  kernels::transpose(blob.data, rows, columns, turned.data, workers);
+  kernels::transpose(blob.data, columns, rows, columns, turned.data, rows, workers);
   static_cast<Shape&>(blob) = turned;
   blob.storage = std::move(turned.storage);
   blob.data = blob.storage.get();
