@@ -35,17 +35,16 @@ void weighted_sum(const float* const* inputs, const float* coefficients, std::si
 void add_bias(float* first_row, std::size_t rows, std::size_t width, std::size_t stride,
               const float* bias, std::size_t bias_count, std::size_t phase);
 
-// Cuts pixels of `channels` floats into groups: slice g holds `group_channels` of each pixel, from
-// channel g * group_channels on. The slices stand one after another.
+// Takes groups of channels out of pixels of `channels` floats: slice g holds `group_channels` of
+// each pixel, from channel g * group_channels on. The slices stand one after another.
 void split_channels(const float* input, std::size_t pixels, std::size_t channels,
-                    std::size_t groups, std::size_t group_channels, float* slices,
-                    Workers& workers);
+                    std::size_t groups, std::size_t group_channels, float* slices);
 
-// Puts the groups' pixels, which start `group_stride` floats apart, together again: group 0's
-// channels come first.
+// Puts the groups' pixels, which start `group_stride` floats apart, one group after another into
+// pixels of `channels` floats. What no group has stays as it is.
 void interleave_channels(const float* staging, std::size_t group_stride, std::size_t pixels,
                          std::size_t groups, std::size_t group_channels, float* output,
-                         Workers& workers);
+                         std::size_t channels);
 
 // For each run of `length` values (the last one may be shorter): exp(x - greatest) times the
 // reciprocal of their sum.

@@ -1,12 +1,8 @@
 // Convolution on the processor: each group is one call of the convolution kernel, which reads its
-// channels in place and writes its channels in place, so nothing is split or put together. In fixed
-// point each group is an operator of the library, which wants its channels by themselves.
+// channels in place and writes its channels in place, so nothing is split or put together.
 #include "layers/ConvLayer.h"
 
 #include <algorithm>
-#include <atomic>
-#include <cstdio>
-#include <cstring>
 #include <utility>
 
 #include "graph/Workspace.h"
@@ -71,17 +67,6 @@ std::vector<kernels::ConvGroup> groups_of(const ConvLayer& layer) {
   return groups;
 }
 
-// Room for the groups' slices of the input and for their outputs before they are interleaved.
-std::size_t fixed_point_scratch_floats(const kernels::ConvSizes& s, const Blob& output) {
-  if (s.group_channels == s.channels) return 0;
-  return s.batch * s.height * s.width * s.channels + output.count;
-}
-
-// Whether the weights are there and hold what the kernel reads.
-bool has_whole_weights(const ConvLayer& layer, const kernels::ConvSizes& sizes) {
-  return has_weights(layer) && weights_hold(layer, weights_per_group(layer, sizes));
-}
-
 // Brings the plan and the scratch memory up to the layer's sizes.
 void prepare_for_sizes(ConvLayer& layer) {
   const Blob* input = last_input(layer);
@@ -90,7 +75,7 @@ void prepare_for_sizes(ConvLayer& layer) {
   const auto sizes = conv_sizes(layer, *input, *output);
   if (!has_whole_weights(layer, sizes)) return;
   if (!layer.operators.empty()) {
-    layer.workspace->reserve(fixed_point_scratch_floats(sizes, *output));
+    layer.workspace->reserve(fixed_point_scratch_floats(layer, sizes, *output));
   }
   if (!layer.single_precision) return;
   const auto groups = groups_of(layer);
@@ -122,131 +107,6 @@ void forward_float(ConvLayer& layer) {
   layer.plan.run(sizes, input.data, groups, steps, output.data, layer.workspace->scratch(),
                  workers);
   mark_done(layer, taken);
-}
-
-// The bias that the operator adds: one value per output channel. Any other count is added here.
-const float* operator_bias(const ConvLayer& layer, std::size_t g) {
-  const Blob* bias = layer.has_bias ? layer.biases[g].get() : nullptr;
-  const bool usual =
-      bias != nullptr && bias->count == static_cast<std::uint32_t>(layer.output_channels);
-  return usual ? bias->data : nullptr;
-}
-
-bool configure(const FixedPointLibrary& library, const ConvLayer& l, std::size_t g,
-               fixpoint::Operator* op) {
-  const auto channels = static_cast<std::int32_t>(last_input(l)->dims[3]);
-  return library.conv_configure(op, l.output_channels, channels / l.groups, /*groups=*/1,
-                                l.kernel_h, l.kernel_w, l.stride_h, l.stride_w, l.dilation_h,
-                                l.dilation_w, l.pad_h, l.pad_w, l.weights[g]->data, l.has_bias,
-                                operator_bias(l, g), /*reserved=*/false) &&
-         library.conv_finish(op, kFixedPointWeightRange);
-}
-
-// Whether each thread runs groups of its own; fewer groups than threads run one after another, each
-// by all threads.
-bool shares_groups(const ConvLayer& layer, std::size_t threads) {
-  return threads > 1 && layer.operators.size() >= threads;
-}
-
-// Makes the operators, once; there are none when the library or the weights are not there, or the
-// library refuses one.
-void prepare_operators(ConvLayer& layer) {
-  const FixedPointLibrary* library = layer.workspace->fixed_point.get();
-  if (library == nullptr || !*library) return;
-  if (layer.operators.empty()) {
-    const Blob* output = last_output(layer);
-    if (output == nullptr || !has_weights(layer) || !fits(layer)) return;
-    const auto sizes = conv_sizes(layer, *last_input(layer), *output);
-    if (!weights_hold(layer, weights_per_group(layer, sizes))) return;
-    std::vector<FixedPointOperator> operators;
-    for (std::size_t g = 0; g < layer.weights.size(); ++g) {
-      operators.emplace_back(library->conv_create(fixpoint::kVersion), library->destroy);
-    }
-    for (std::size_t g = 0; g < operators.size(); ++g) {
-      if (!configure(*library, layer, g, operators[g].get())) return;
-    }
-    layer.operators = std::move(operators);
-  }
-  const std::size_t threads = layer.workspace->workers().threads();
-  const auto each = static_cast<std::int32_t>(shares_groups(layer, threads) ? 1 : threads);
-  for (const auto& op : layer.operators) library->set_threads(op.get(), each);
-}
-
-// Moves images of `computed` floats that lie one after another to places `image` floats apart, and
-// clears what is between them.
-void spread_images(float* data, std::size_t batch, std::size_t computed, std::size_t image) {
-  if (computed == image) return;
-  for (std::size_t n = batch; n-- > 0;) {
-    std::memmove(data + n * image, data + n * computed, computed * sizeof(float));
-    std::fill(data + n * image + computed, data + (n + 1) * image, 0.0F);
-  }
-}
-
-// One group: false when the operator refuses an input of these sizes.
-bool run_operator(const ConvLayer& layer, const kernels::ConvSizes& s, std::size_t g,
-                  const float* slice, float* staging) {
-  const FixedPointLibrary& library = *layer.workspace->fixed_point;
-  const auto size = [](std::size_t n) { return static_cast<std::int32_t>(n); };
-  fixpoint::Operator* op = layer.operators[g].get();
-  if (!library.conv_set_input(op, size(s.batch), size(s.group_channels), size(s.width),
-                              size(s.height), slice, kFixedPointInputRange) ||
-      !library.conv_run(op, staging, kFixedPointRounding)) {
-    return false;
-  }
-  const std::size_t computed = s.rows * s.columns * s.kernels;
-  const Blob* bias = layer.has_bias ? layer.biases[g].get() : nullptr;
-  if (bias != nullptr && operator_bias(layer, g) == nullptr) {
-    const std::size_t n = s.batch * computed;
-    kernels::add_bias(staging, 1, n, n, bias->data, bias->count, 0);
-  }
-  spread_images(staging, s.batch, computed, s.out_image / layer.operators.size());
-  return true;
-}
-
-// All groups: false when an operator refuses; those after it may then not have run.
-bool run_operators(const ConvLayer& layer, const kernels::ConvSizes& s, const float* slices,
-                   float* staging, std::size_t group_stride) {
-  const std::size_t groups = layer.operators.size();
-  const std::size_t slice = s.batch * s.height * s.width * s.group_channels;
-  std::atomic<bool> refused = false;
-  const auto run_group = [&](std::size_t g, std::size_t) {
-    if (refused) return;
-    if (!run_operator(layer, s, g, slices + g * slice, staging + g * group_stride)) refused = true;
-  };
-  kernels::Workers& workers = layer.workspace->workers();
-  if (shares_groups(layer, workers.threads())) {
-    workers.run(groups, run_group);
-  } else {
-    for (std::size_t g = 0; g < groups; ++g) run_group(g, 0);
-  }
-  return !refused;
-}
-
-void forward_fixed_point(ConvLayer& layer) {
-  if (layer.operators.empty()) {
-    std::fputs("fixpointconvop_ not initialized yet\n", stderr);
-    return;
-  }
-  if (!has_weights(layer) || !has_data(layer) || !fits(layer)) return;
-  const Blob& input = *last_input(layer);
-  Blob& output = *last_output(layer);
-  const auto s = conv_sizes(layer, input, output);
-  const std::size_t groups = layer.operators.size();
-  if (fixed_point_scratch_floats(s, output) > layer.workspace->size()) return;
-  if (groups == 1) {
-    run_operator(layer, s, 0, input.data, output.data);
-    return;
-  }
-  const std::size_t pixels = s.batch * s.height * s.width;
-  kernels::Workers& workers = layer.workspace->workers();
-  float* slices = layer.workspace->scratch();
-  float* staging = slices + pixels * s.group_channels * groups;
-  const std::size_t group_stride = output.count / groups;
-  kernels::split_channels(input.data, pixels, s.channels, groups, s.group_channels, slices,
-                          workers);
-  if (!run_operators(layer, s, slices, staging, group_stride)) return;
-  kernels::interleave_channels(staging, group_stride, s.batch * s.out_image / s.out_channels,
-                               groups, s.kernels, output.data, workers);
 }
 
 }  // namespace
@@ -293,6 +153,10 @@ bool has_weights(const ConvLayer& layer) {
     if (!blob || blob->data == nullptr) return false;
   }
   return true;
+}
+
+bool has_whole_weights(const ConvLayer& layer, const kernels::ConvSizes& sizes) {
+  return has_weights(layer) && weights_hold(layer, weights_per_group(layer, sizes));
 }
 
 void interleave_weights(ConvLayer& layer) {

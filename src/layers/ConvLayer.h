@@ -53,9 +53,23 @@ kernels::ConvForm conv_form(const ConvLayer& layer);
 // Whether every group has its weights.
 bool has_weights(const ConvLayer& layer);
 
+// Whether they hold all that the processor path reads, too.
+bool has_whole_weights(const ConvLayer& layer, const kernels::ConvSizes& sizes);
+
 // Brings weights whose rows are stored channel after channel into the order above.
 void interleave_weights(ConvLayer& layer);
 
 Fit fits(const ConvLayer& layer);
+
+// Run mode 3. Makes the operators, once; there are none when the library or the weights are not
+// there, or the library refuses one.
+void prepare_operators(ConvLayer& layer);
+
+// Scratch memory that forward_fixed_point uses, once the operators are there.
+std::size_t fixed_point_scratch_floats(const ConvLayer& layer, const kernels::ConvSizes& sizes,
+                                       const Blob& output);
+
+// A group whose operator refuses the input's sizes leaves its part of the output alone.
+void forward_fixed_point(ConvLayer& layer);
 
 }  // namespace ravu
