@@ -184,6 +184,13 @@ def test_refusals_of_reading_and_mapping_are_listed_together(tmp_path):
     ]
 
 
+def test_a_layer_that_reads_nothing_is_refused(tmp_path):
+    text = layer("Parameter", "p", bottom="") + layer("Eltwise", "y", "p data")
+    with pytest.raises(ConversionRefused) as caught:
+        run(tmp_path, text, CONV)
+    assert [r.operator for r in caught.value.refusals] == ["Caffe.Parameter"]
+
+
 DETECTOR = (
     """
 input: "data" input_shape { dim: 1 dim: 3 dim: 24 dim: 24 }

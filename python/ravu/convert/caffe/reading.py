@@ -90,19 +90,26 @@ def read_caffe(model: CaffeModel) -> Graph:
         reader = Reader(
             graph, layer.name, layer.kind, layer.bottoms, layer.tops, layer.message, layer.blobs
         )
-        convert = LAYERS.get(layer.kind)
         try:
-            if convert is None:
-                raise Refused("has no counterpart")
-            convert(reader)
-        except Refused as refused:
-            # The mapping lists it, together with what it refuses itself.
-            reader.node("Caffe." + layer.kind, layer.bottoms, refused=refused)
-            reader.keep_shape()
+            _read_layer(reader)
         except (ValueError, TypeError, IndexError, KeyError, ZeroDivisionError) as error:
             raise SourceError(f"layer {layer.name!r} ({layer.kind}): {error}") from error
     graph.without_dead_ends()
     return graph
+
+
+def _read_layer(reader: Reader) -> None:
+    convert = LAYERS.get(reader.kind)
+    try:
+        if convert is None:
+            raise Refused("has no counterpart")
+        convert(reader)
+    except Refused as refused:
+        # The mapping lists it, together with what it refuses itself. Reading goes on as if it kept
+        # its input's shape.
+        reader.node("Caffe." + reader.kind, reader.bottoms, refused=refused)
+        first = reader.bottoms[0] if reader.bottoms else reader.graph.input
+        reader.gives(*[reader.graph.shapes[first]] * len(reader.tops))
 
 
 def _parse(path: Path, message: Any) -> Any:
