@@ -26,6 +26,7 @@ struct Block {
 struct Field {
   std::size_t row_floats, pixel_floats;  // of the data that the patches are read from
   std::size_t pixels;
+  bool brings_next;  // whether the weights pass over few blocks
   const float* patches[kMostPixels];
   float* outputs[kMostPixels];
 };
@@ -91,17 +92,19 @@ void multiply_panel(const PackedConv& packed, const Field& field, const Panel& p
   const MultiplyTile multiply = tile_loop(panel.vectors);
   const std::size_t width = panel.vectors * packed.lanes;
   const float* weights = panel.weights;
+  const float* end_of_all = packed.weights.data() + packed.weights.size();
   for (std::size_t s = 0; s < packed.slices.size(); ++s) {
     const PatchSlice& part = packed.slices[s];
     const bool last = s + 1 == packed.slices.size();
-    const TileSlice slice{.first = packed.runs.data() + part.first_run,
-                          .end = packed.runs.data() + part.end_run,
-                          .row_floats = field.row_floats,
-                          .pixel_floats = field.pixel_floats,
-                          .weights = weights,
-                          .bias = last ? end.bias() : nullptr,
-                          .steps = last ? end.steps() : nullptr,
-                          .continues = s != 0};
+    TileSlice slice{.first = packed.runs.data() + part.first_run,
+                    .end = packed.runs.data() + part.end_run,
+                    .row_floats = field.row_floats,
+                    .pixel_floats = field.pixel_floats,
+                    .weights = weights,
+                    .bias = last ? end.bias() : nullptr,
+                    .steps = last ? end.steps() : nullptr,
+                    .continues = s != 0};
+    if (field.brings_next) bring_next(slice, part.depth, width, field.pixels, end_of_all);
     for (std::size_t pixel = 0; pixel < field.pixels; pixel += kTilePixels) {
       const Tile tile{field.patches + pixel, field.outputs + pixel, panel.first};
       if (panel.channels == width) {
@@ -109,6 +112,7 @@ void multiply_panel(const PackedConv& packed, const Field& field, const Panel& p
       } else {
         multiply_ragged_tile(multiply, slice, panel, tile, rows);
       }
+      slice.next += part.depth * slice.next_step;
     }
     weights += part.depth * width;
   }
@@ -307,6 +311,7 @@ void convolve_blocks(const ConvSizes& s, const float* input, const PackedConv& p
     block.rows = std::min(size.rows, s.rows - block.row);
     block.columns = std::min(size.columns, s.columns - block.column);
     Field field;
+    field.brings_next = s.batch * blocks <= kFewBlocks;
     place_field(s, input + image * s.height * s.width * s.channels, output + image * s.out_image,
                 block, scratch + worker * own_scratch, field);
     multiply_panels(packed, field, bias, steps, s.kernels, group * panels / groups,

@@ -2,6 +2,8 @@
 // six multiply-adds for each load of weights.
 #include "kernels/tile.h"
 
+#include <hwy/cache_control.h>
+
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "kernels/tile.cpp"
 #include <hwy/foreach_target.h>
@@ -27,8 +29,8 @@ constexpr std::size_t kMostVectors = 2;
 
 // The loops over tile pixels and vectors have constant bounds and are unrolled, which keeps the
 // accumulators in registers.
-template <std::size_t kVectors>
-HWY_NOINLINE void multiply_tile(const TileSlice& slice, const Tile& tile) {
+template <std::size_t kVectors, bool kBringsNext>
+HWY_NOINLINE void multiply_tile_with(const TileSlice& slice, const Tile& tile) {
   const Floats d;
   const std::size_t lanes = hn::Lanes(d);
   Vector sums[kTilePixels][kVectors];
@@ -41,6 +43,7 @@ HWY_NOINLINE void multiply_tile(const TileSlice& slice, const Tile& tile) {
     }
   }
   const float* HWY_RESTRICT weights = slice.weights;
+  const std::byte* next = slice.next;
   for (const PatchRun* run = slice.first; run != slice.end; ++run) {
     const std::size_t offset =
         run->row * slice.row_floats + run->column * slice.pixel_floats + run->channel;
@@ -52,6 +55,10 @@ HWY_NOINLINE void multiply_tile(const TileSlice& slice, const Tile& tile) {
 #pragma GCC unroll 8
       for (std::size_t v = 0; v < kVectors; ++v) row[v] = hn::Load(d, weights + v * lanes);
       weights += kVectors * lanes;
+      if constexpr (kBringsNext) {
+        hwy::Prefetch(next);
+        next += slice.next_step;
+      }
 #pragma GCC unroll 8
       for (std::size_t p = 0; p < kTilePixels; ++p) {
         const auto value = hn::Set(d, values[p][k]);
@@ -77,6 +84,15 @@ HWY_NOINLINE void multiply_tile(const TileSlice& slice, const Tile& tile) {
     for (std::size_t p = 0; p < kTilePixels; ++p) {
       hn::StoreU(results[p], d, tile.outputs[p] + tile.channel + v * lanes);
     }
+  }
+}
+
+template <std::size_t kVectors>
+void multiply_tile(const TileSlice& slice, const Tile& tile) {
+  if (slice.next == nullptr) {
+    multiply_tile_with<kVectors, false>(slice, tile);
+  } else {
+    multiply_tile_with<kVectors, true>(slice, tile);
   }
 }
 

@@ -28,7 +28,23 @@ struct TileSlice {
   const float* bias;                     // added at the end; null: none
   const ElementSteps* steps;             // done after that, on whole vectors; null: none
   bool continues;                        // whether the outputs hold sums to go on from
+  const std::byte* next = nullptr;       // weights to bring near meanwhile; null: none
+  std::size_t next_step = 0;             // bytes of them for each float of the patch
 };
+
+// Where weights pass over this many blocks of pixels or fewer, waiting for their first use would be
+// a good part of all the time: the next ones are brought near while the last ones are in use.
+inline constexpr std::size_t kFewBlocks = 2;
+
+// Has the tiles of `pixels` bring the weights near that follow the slice's own, which are `depth`
+// rows of `width`; each an equal part, so `next` moves on by depth * next_step from tile to tile.
+inline void bring_next(TileSlice& slice, std::size_t depth, std::size_t width, std::size_t pixels,
+                       const float* end_of_weights) {
+  const float* next = slice.weights + depth * width;
+  if (next >= end_of_weights) return;
+  slice.next = reinterpret_cast<const std::byte*>(next);
+  slice.next_step = (width * sizeof(float) * kTilePixels + pixels - 1) / pixels;
+}
 
 // The vectors of this processor: floats of one, and how many of them a tile has at most.
 struct TileVectors {

@@ -126,8 +126,9 @@ void pack_panel(const ConvSizes& s, std::size_t side, const float* weights, std:
 struct TileBlock {
   std::size_t side;
   std::size_t first, count;
-  float* tiles;  // [product][tile][channel]
-  float* sums;   // [product][tile][output channel], whole vectors
+  float* tiles;      // [product][tile][channel]
+  float* sums;       // [product][tile][output channel], whole vectors
+  bool brings_next;  // whether the weights pass over few blocks
 };
 
 void transform_tiles(const ConvSizes& s, const float* input, const TileBlock& block,
@@ -169,22 +170,25 @@ void multiply_product(const WinogradConv& packed, const TileBlock& block, std::s
     outputs[t] = sums + existing * out_width;
   }
   const std::size_t depth = even_part(packed.channels, kSliceDepth);
+  const float* end_of_all = packed.weights.data() + packed.weights.size();
   for (std::size_t first = 0; first < out_width; first += packed.panel_width) {
     const std::size_t width = std::min(packed.panel_width, out_width - first);
     const MultiplyTile multiply = tile_loop(width / packed.lanes);
     for (std::size_t c = 0; c < packed.channels; c += depth) {
-      const PatchRun run{0, 0, static_cast<std::uint32_t>(c),
-                         static_cast<std::uint32_t>(std::min(depth, packed.channels - c))};
-      const TileSlice slice{.first = &run,
-                            .end = &run + 1,
-                            .row_floats = 0,
-                            .pixel_floats = 0,
-                            .weights = weights + first * packed.channels + c * width,
-                            .bias = nullptr,
-                            .steps = nullptr,
-                            .continues = c != 0};
+      const std::size_t length = std::min(depth, packed.channels - c);
+      const PatchRun run{0, 0, static_cast<std::uint32_t>(c), static_cast<std::uint32_t>(length)};
+      TileSlice slice{.first = &run,
+                      .end = &run + 1,
+                      .row_floats = 0,
+                      .pixel_floats = 0,
+                      .weights = weights + first * packed.channels + c * width,
+                      .bias = nullptr,
+                      .steps = nullptr,
+                      .continues = c != 0};
+      if (block.brings_next) bring_next(slice, length, width, tiles_computed, end_of_all);
       for (std::size_t t = 0; t < tiles_computed; t += kTilePixels) {
         multiply(slice, {patches + t, outputs + t, first});
+        slice.next += length * slice.next_step;
       }
     }
   }
@@ -276,7 +280,12 @@ void convolve_winograd(const ConvSizes& s, const float* input, const WinogradCon
   const std::size_t width = whole_vectors(s.kernels, packed.lanes);
   const std::size_t most = block_tiles(s, side, width);
   const std::size_t products = products_of(side);
-  TileBlock block{side, 0, 0, scratch, scratch + products * most * s.group_channels};
+  TileBlock block{.side = side,
+                  .first = 0,
+                  .count = 0,
+                  .tiles = scratch,
+                  .sums = scratch + products * most * s.group_channels,
+                  .brings_next = tiles <= kFewBlocks * most};
   float* zeros = block.sums + products * most * width;
   std::fill_n(zeros, s.group_channels, 0.0F);
   for (; block.first < tiles; block.first += most) {
