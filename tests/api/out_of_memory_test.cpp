@@ -9,8 +9,11 @@
 #include <iterator>
 #include <limits>
 #include <new>
+#include <set>
 #include <string>
 
+#include "layers/ConvLayer.h"
+#include "networks/networks.h"
 #include "support/handles.h"
 
 namespace {
@@ -90,6 +93,19 @@ class LimitAllocations {
   LimitAllocations& operator=(const LimitAllocations&) = delete;
   ~LimitAllocations() { largest_allocation = kAnySize; }
 };
+
+// One convolution of each form, and the other layers that hold weights.
+NaiveNetwork every_form() {
+  NaiveNetwork network(16, 3);
+  network.conv("data", "direct", {.kernels = 32, .kernel = 1});
+  network.conv("direct", "winograd", {.kernels = 32, .kernel = 3, .pad = 1});
+  network.conv("winograd", "depthwise", {.kernels = 1, .kernel = 3, .pad = 1, .groups = 32});
+  network.pool("depthwise", "half", {.maximum = true, .kernel = 2, .stride = 2});
+  network.conv("half", "small", {.kernels = 32, .kernel = 3, .pad = 1});
+  network.lrn("small", "normal", 5);
+  network.fully_connected("normal", "dense", 8 * 8 * 32, 24);
+  return network;
+}
 
 // Calls attempt(n, rest) for n = 0, 1, ... until it runs through without a failed allocation.
 // Returns how many allocations there were to fail.
@@ -173,6 +189,30 @@ TEST(OutOfMemory, AForwardRunThrowsNothing) {
     }
     EXPECT_EQ(run(handle, {1, 2, 3, 4}), (Values{5, 13}));
   });
+}
+
+// Weights are rearranged at set-up, once: a pass only lists what it works on.
+TEST(OutOfMemory, NeitherTheFirstForwardRunNorALaterOneAsksForRoomForWeights) {
+  const ReadyNetwork network(every_form());
+  std::set<kernels::ConvForm> forms;
+  for (const auto& layer : network.network().layers) {
+    if (const auto* conv = dynamic_cast<const ConvLayer*>(layer.get())) {
+      forms.insert(conv_form(*conv));
+    }
+  }
+  using enum kernels::ConvForm;
+  EXPECT_EQ(forms, (std::set{kDirect, kWinograd, kSmallWinograd, kDepthwise}));
+  std::int64_t allocations[2];
+  for (std::int64_t& count : allocations) {
+    const LimitAllocations limit(2048);
+    has_failed = false;
+    allocations_until_failure = kNever;
+    ravu_forward(network, RAVU_MODE_CPU);
+    count = kNever - allocations_until_failure;
+    EXPECT_FALSE(has_failed);
+  }
+  allocations_until_failure = kNever;
+  EXPECT_EQ(allocations[0], allocations[1]);
 }
 
 TEST(OutOfMemory, AnImageIsNull) {
