@@ -92,8 +92,8 @@ bool is_wired(const BaseLayer& layer) {
 bool has_data(const BaseLayer& layer) {
   const Blob* input = last_input(layer);
   const Blob* output = last_output(layer);
-  return layer.prepared && input != nullptr && output != nullptr && input->data != nullptr &&
-         output->data != nullptr;
+  if (!layer.prepared || input == nullptr || output == nullptr) return false;
+  return input->data != nullptr && output->data != nullptr && output->count > 0;
 }
 
 bool all_have_data(const std::vector<Blob*>& blobs) {

@@ -97,7 +97,9 @@ Blob* last_output(const BaseLayer& layer);
 // Whether the layer has an input and an output at all.
 bool is_wired(const BaseLayer& layer);
 
-// Whether the layer has been set up and its last input and last output hold data.
+// Whether the layer has been set up, its last input holds data and its last output has elements to
+// write: one without any may keep storage of an earlier shape, and its dims may be as large as they
+// like as long as one of them is 0.
 bool has_data(const BaseLayer& layer);
 
 // Whether each of the Blobs holds data or has no element to hold.

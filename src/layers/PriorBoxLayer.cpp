@@ -153,7 +153,7 @@ bool PriorBoxLayer::Setup(std::int32_t, std::vector<BlobPtr>&) {
   if (output == nullptr || output->data == nullptr || !fits(*this)) return true;
   const Blob& map = *inputs.front();
   const std::uint64_t row = output->dims[3];
-  if (cells(map) > 0) {
+  if (cells(map) > 0 && boxes_per_cell(*this) > 0) {
     const auto boxes = boxes_of_a_cell(*this);
     kernels::prior_boxes(grid_of(*this, map), boxes.data(), boxes.size(), output->data);
   }

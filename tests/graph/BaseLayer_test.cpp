@@ -299,6 +299,19 @@ TEST(SharedScratch, OtherDimsOrAnotherLayoutGetABlobOfTheirOwn) {
   EXPECT_EQ(params.size(), 3U);
 }
 
+TEST(HasData, NeedsAnOutputWithElementsWhateverItHeldBefore) {
+  const auto full = make_blob({1, 1, 1, 1}, {1});
+  const auto emptied = make_blob({1, 1, 1, 1}, {1});
+  BaseLayer layer;
+  layer.inputs = {full.get()};
+  layer.outputs = {emptied.get()};
+  layer.prepared = true;
+  EXPECT_TRUE(has_data(layer));
+  reshape(*emptied, *make_shape(1, 1 << 30, 0, 1, kInterleaved));
+  ASSERT_NE(emptied->data, nullptr);
+  EXPECT_FALSE(has_data(layer));
+}
+
 TEST(HasData, NeedsASetUpAndBothBlobsWithData) {
   const auto full = make_blob({1, 1, 1, 1}, {1});
   const auto empty = make_blob({1, 1, 1, 1});
