@@ -115,7 +115,8 @@ std::optional<ModelCard> card_from_json(const std::string& text) {
   if (fit == "crop") card.framing = Framing::kCrop;
   if (fit == "letterbox") card.framing = Framing::kLetterbox;
   const auto offset = json.find("label_offset");
-  if (offset != json.end() && offset->is_number_unsigned()) {
+  if (offset != json.end() && offset->is_number_unsigned() &&
+      offset->get<std::uint64_t>() <= kMostLabelOffset) {
     card.label_offset = offset->get<std::uint32_t>();
   }
   card.lines = card_lines(json);

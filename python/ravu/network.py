@@ -91,8 +91,10 @@ class Network:
 
     @property
     def labels(self) -> list[str]:
-        """The names of the classes, in the order of the scores; empty when the model has none."""
-        return list(self._outline.labels)
+        """The names of the classes, in the order of the scores: empty ones before the score that
+        the card gives the first label. An empty list when the model has none."""
+        outline = self._outline
+        return [""] * outline.label_offset + outline.labels if outline.labels else []
 
     @property
     def card(self) -> dict[str, object] | None:

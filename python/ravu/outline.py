@@ -13,6 +13,7 @@ from .records import LAYER_CLASSES
 from .tag_tree import ModelFileError
 
 CARD_KEY = "model_card"
+MOST_LABEL_OFFSET = 1_000_000
 
 
 @dataclass(frozen=True)
@@ -25,6 +26,14 @@ class Outline:
     labels: list[str]
     layer_of: dict[str, int]
     card: dict[str, object] | None
+
+    @property
+    def label_offset(self) -> int:
+        """The score that the first label belongs to: what the card says, if it is a whole number
+        up to `MOST_LABEL_OFFSET`, else 0."""
+        offset = (self.card or {}).get("label_offset", 0)
+        whole = isinstance(offset, int) and not isinstance(offset, bool)
+        return offset if whole and 0 <= offset <= MOST_LABEL_OFFSET else 0
 
 
 def read_outline(path: str | os.PathLike[str]) -> Outline:

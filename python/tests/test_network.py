@@ -144,6 +144,30 @@ def test_a_card_comes_back_and_a_damaged_one_is_reported(tmp_path):
             network.card
 
 
+@pytest.mark.parametrize("offset", [1, 1001])
+def test_labels_begin_at_the_cards_offset(tmp_path, offset):
+    model = small_model(need_crop=False, card={"label_offset": offset})
+    model.write(tmp_path / "offset.ravu")
+    with Network(tmp_path / "offset.ravu") as network:
+        assert network.labels == [""] * offset + ["a", "b", "c", "d"]
+
+
+@pytest.mark.parametrize("offset", [-1, 1.0, True, "1", None, 1_000_001, 2**32 + 1])
+def test_an_offset_that_is_none_is_left_out(tmp_path, offset):
+    model = small_model(need_crop=False, card={"label_offset": offset})
+    model.write(tmp_path / "offset.ravu")
+    with Network(tmp_path / "offset.ravu") as network:
+        assert network.labels == ["a", "b", "c", "d"]
+
+
+def test_a_model_without_labels_has_none_before_its_offset_either(tmp_path):
+    model = small_model(need_crop=False, card={"label_offset": 2})
+    model.labels = []
+    model.write(tmp_path / "bare.ravu")
+    with Network(tmp_path / "bare.ravu") as network:
+        assert network.labels == []
+
+
 def test_the_package_offers_what_it_documents():
     assert {name for name in ravu.__all__ if not hasattr(ravu, name)} == set()
     with pytest.raises(AttributeError):

@@ -56,6 +56,11 @@ TEST(ProgramCard, LabelsBeginAtTheCardsOffset) {
   EXPECT_EQ(predictions({}, kCard)[1]["label"], "0");
 }
 
+TEST(ProgramCard, AnOffsetBehindAllScoresLeavesThemWithoutNames) {
+  const auto best = predictions({}, R"({"label_offset": 1001})");
+  EXPECT_EQ(best[0]["label"], std::to_string(best[0]["index"].get<int>()));
+}
+
 TEST(ProgramCard, DetectObeysIt) {
   const TemporaryFile model(quarter_detector().set("model_card", text(kCard)).bytes());
   Picture picture{4, 2, std::vector<std::uint8_t>(24, 0)};
@@ -86,6 +91,8 @@ TEST(ProgramCard, AModelWithoutCardShowsNone) {
 
 TEST(ProgramCard, WhatACardDoesNotSayIsLeftAsItIs) {
   for (const char* card : {"{}", R"({"input": 3, "label_offset": -1, "source": "x"})",
+                           R"({"label_offset": 1.0})", R"({"label_offset": true})",
+                           R"({"label_offset": 1000001})", R"({"label_offset": 4294967297})",
                            R"({"input": {"fit": "stretch"}, "verification": []})"}) {
     EXPECT_EQ(predictions({}, card), predictions({}, nullptr)) << card;
   }

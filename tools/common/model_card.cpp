@@ -1,8 +1,6 @@
 // json.cpp understands the text; here is what comes before and after.
 #include "common/model_card.h"
 
-#include <algorithm>
-
 #include "common/failure.h"
 #include "json.h"
 
@@ -19,8 +17,7 @@ ModelCard read_card(const std::string& path, const Tag& root) {
 
 std::vector<char*> labels_by_score(const Network& network, const ModelCard& card) {
   static char unnamed[] = "";
-  constexpr std::uint32_t kMostOffset = 1000;
-  std::vector<char*> labels(std::min(card.label_offset, kMostOffset), unnamed);
+  std::vector<char*> labels(card.label_offset, unnamed);
   labels.insert(labels.end(), network.labels.begin(), network.labels.end());
   return labels;
 }

@@ -16,10 +16,13 @@ namespace ravu::tools {
 
 inline constexpr const char* kCardKey = "model_card";
 
+// A card that says more is damaged: no network has so many scores.
+inline constexpr std::uint32_t kMostLabelOffset = 1'000'000;
+
 struct ModelCard {
   std::string json;  // as it stands in the file; empty: the model has no card
   std::optional<Framing> framing;
-  std::uint32_t label_offset = 0;  // the score that the first label belongs to
+  std::uint32_t label_offset = 0;  // the score that the first label belongs to: to kMostLabelOffset
   std::vector<std::pair<std::string, std::string>> lines;  // title and text, for people
 };
 

@@ -11,6 +11,7 @@ import sys
 from collections.abc import Sequence
 from pathlib import Path
 
+from ..outline import MOST_LABEL_OFFSET
 from . import (
     ConversionRefused,
     Options,
@@ -86,7 +87,7 @@ def _parser() -> argparse.ArgumentParser:
     parser.add_argument("--labels", type=Path, metavar="FILE", help="names of the classes, by line")
     parser.add_argument(
         "--label-offset",
-        type=int,
+        type=_offset,
         default=0,
         metavar="N",
         help="the score that the first label belongs to (default: 0)",
@@ -105,6 +106,13 @@ def _parser() -> argparse.ArgumentParser:
     )
     parser.add_argument("--json", action="store_true", help="print one JSON value instead of text")
     return parser
+
+
+def _offset(text: str) -> int:
+    if not text.isdecimal() or int(text) > MOST_LABEL_OFFSET:
+        expected = f"a whole number from 0 to {MOST_LABEL_OFFSET}"
+        raise argparse.ArgumentTypeError(f"{expected} is expected")
+    return int(text)
 
 
 def _numbers(text: str) -> tuple[float, ...]:

@@ -54,6 +54,30 @@ def test_convert_classify_inspect_and_verify_work_in_a_row(source, tmp_path):
     assert run("verify", model).returncode == 0
 
 
+def test_program_and_package_name_the_same_class(source, tmp_path):
+    (tmp_path / "labels.txt").write_text("cat\ndog\n")
+    converted = run("convert", source, "--labels", tmp_path / "labels.txt", "--label-offset", "1")
+    assert converted.returncode == 0, converted.stderr
+    model = source.with_suffix(".ravu")
+    Image.fromarray(np.zeros((16, 16, 3), np.uint8)).save(tmp_path / "photo.png")
+    classified = run("classify", model, tmp_path / "photo.png", "--json")
+    predictions = json.loads(classified.stdout)[0]["predictions"]
+    with ravu.Network(model) as network:
+        labels = network.labels
+    assert labels == ["", "cat", "dog"]
+    for prediction in predictions:
+        index = prediction["index"]
+        assert prediction["label"] == (labels[index] or str(index))
+
+
+@pytest.mark.parametrize("offset", ["-3", "1.5", "1000001", "x"])
+def test_a_label_offset_that_no_program_obeys_is_refused(source, offset):
+    outcome = run("convert", source, f"--label-offset={offset}")
+    assert outcome.returncode == 2
+    assert "whole number from 0" in outcome.stderr
+    assert not source.with_suffix(".ravu").exists()
+
+
 def test_diff_with_a_source_is_done_in_python(source):
     assert run("convert", source).returncode == 0
     model = source.with_suffix(".ravu")
