@@ -5,6 +5,7 @@ from __future__ import annotations
 
 import importlib
 import os
+import signal
 import subprocess
 import sys
 from pathlib import Path
@@ -38,15 +39,16 @@ def _is_python(arguments: list[str]) -> bool:
 
 
 def _run_python(name: str, arguments: list[str]) -> int:
+    if hasattr(signal, "SIGPIPE"):
+        signal.signal(signal.SIGPIPE, signal.SIG_DFL)  # end quietly when nobody reads on
     try:
-        command = importlib.import_module(_MODULES[name]).main
+        return importlib.import_module(_MODULES[name]).main(arguments)
     except ImportError as error:
         print(
             f"ravu {name}: {error}; install what it needs: python3 -m pip install 'ravu[convert]'",
             file=sys.stderr,
         )
         return 1
-    return command(arguments)
 
 
 if __name__ == "__main__":

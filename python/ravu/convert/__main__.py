@@ -11,6 +11,7 @@ import sys
 from collections.abc import Sequence
 from pathlib import Path
 
+from ..model_file import ModelFileError
 from ..outline import MOST_LABEL_OFFSET
 from . import (
     ConversionRefused,
@@ -37,7 +38,7 @@ def main(arguments: Sequence[str] | None = None) -> int:
         return _refused(refused, options.source, options.json)
     except VerificationFailed as failed:
         return _different(failed, options.source, options.json)
-    except (SourceError, OSError) as error:
+    except (SourceError, ModelFileError, OSError) as error:
         print(f"ravu convert: {error}", file=sys.stderr)
         return UNREADABLE
     _print(report, options.json)
@@ -121,12 +122,9 @@ def _numbers(text: str) -> tuple[float, ...]:
 
 def _options(given: argparse.Namespace) -> Options:
     recipe = Recipe(given.range, given.mean, given.deviation, given.bgr, given.fit)
-    labels: list[str] = []
-    if given.labels:
-        labels = given.labels.read_text(encoding="utf-8").splitlines()
     return Options(
         recipe=recipe,
-        labels=labels,
+        labels=_read_labels(given.labels) if given.labels else [],
         label_offset=given.label_offset,
         weights=given.weights,
         mean_file=given.mean_file,
@@ -134,6 +132,15 @@ def _options(given: argparse.Namespace) -> Options:
         softmax=given.softmax,
         verify=not given.no_verify,
     )
+
+
+def _read_labels(path: Path) -> list[str]:
+    """One name a line. Other characters that Unicode breaks lines at belong to the names."""
+    try:
+        text = path.read_text(encoding="utf-8")
+    except UnicodeDecodeError as error:
+        raise SourceError(f"{path}: is no UTF-8 text: {error.reason}") from error
+    return text.removesuffix("\n").split("\n") if text else []
 
 
 def _print(report: Report, as_json: bool) -> None:

@@ -24,7 +24,7 @@ from .loading import Options, load
 from .recipe import Recipe
 
 _PROBLEMS = (ModelFileError, EngineError, SourceError, ConversionRefused, OSError, KeyError,
-             TypeError, ValueError, ImportError)  # fmt: skip
+             TypeError, ValueError)  # fmt: skip
 
 
 def main(arguments: Sequence[str] | None = None) -> int:
@@ -104,8 +104,11 @@ def _read_picture(path: Path, size: tuple[int, int], channels: int, fit: str) ->
     """Bytes of (height, width, channels); the grey of letterbox borders is that of the program."""
     from PIL import Image, ImageOps
 
-    with Image.open(path) as file:
-        picture = file.convert("L" if channels == 1 else "RGB")
+    try:
+        with Image.open(path) as file:
+            picture = file.convert("L" if channels == 1 else "RGB")
+    except (OSError, SyntaxError, ValueError, Image.DecompressionBombError) as error:
+        raise SourceError(f"{path}: {error}") from error
     if fit == "crop":
         picture = ImageOps.fit(picture, size)
     elif fit == "letterbox":

@@ -102,6 +102,15 @@ def test_what_cannot_be_read_is_one_line(converted, capsys):
         assert captured.err.count("\n") == 1
 
 
+def test_a_picture_too_large_for_pillow_is_named(converted, capsys, monkeypatch):
+    monkeypatch.setattr(Image, "MAX_IMAGE_PIXELS", 8)
+    photo = converted.parent / "photo.png"
+    Image.fromarray(np.zeros((20, 30, 3), np.uint8)).save(photo)
+    assert main([str(converted), str(converted.parent / "source.onnx"), str(photo)]) == 1
+    error = capsys.readouterr().err
+    assert str(photo) in error and "exceeds limit" in error and error.count("\n") == 1
+
+
 def test_weights_and_pictures_have_their_places(converted):
     source = str(converted.parent / "source.onnx")
     misuses = [[source, "a.png", "b.png"], ["net.prototxt"], ["net.prototxt", "w", "a", "b"]]

@@ -2,6 +2,7 @@
 
 import json
 import os
+import signal
 import subprocess
 import sys
 from pathlib import Path
@@ -10,6 +11,7 @@ import numpy as np
 import pytest
 import ravu
 from PIL import Image
+from ravu.convert import convert
 
 from sources import Source
 
@@ -17,8 +19,11 @@ PROGRAM = os.environ.get("RAVU_PROGRAM")
 pytestmark = pytest.mark.skipif(not PROGRAM, reason="RAVU_PROGRAM is not set")
 
 
-def run(*arguments, packages=True, **options):
-    paths = [str(Path(ravu.__file__).parents[1])] if packages else []
+def run(*arguments, packages=True, before=None, **options):
+    """before: a folder that Python looks for packages in before it looks anywhere else"""
+    paths = [str(before)] if before else []
+    if packages:
+        paths.append(str(Path(ravu.__file__).parents[1]))
     path = os.pathsep.join([str(Path(sys.executable).parent), "/usr/bin", "/bin"])
     environment = {"PATH": path, "PYTHONPATH": os.pathsep.join(paths)}
     return subprocess.run(
@@ -98,6 +103,64 @@ def test_arguments_reach_the_converter(source):
     shown = run("convert", "--help")
     assert shown.returncode == 0 and "CAFFEMODEL" in shown.stdout
     assert run("convert").returncode == 2
+
+
+@pytest.mark.parametrize("labels", [b"caf\xe9\n", b"a\0b\n"])
+def test_labels_that_are_no_text_end_in_one_line(source, tmp_path, labels):
+    (tmp_path / "labels.txt").write_bytes(labels)
+    outcome = run("convert", source, "--labels", tmp_path / "labels.txt")
+    assert outcome.returncode == 1
+    assert outcome.stderr.startswith("ravu convert: ") and outcome.stderr.count("\n") == 1
+
+
+def test_a_label_is_a_line_and_not_less(source, tmp_path):
+    (tmp_path / "labels.txt").write_bytes("a\u2028b\r\nc\x0cd\n\n".encode())
+    outcome = run("convert", source, "--labels", tmp_path / "labels.txt", "--no-verify")
+    assert outcome.returncode == 0, outcome.stderr
+    with ravu.Network(source.with_suffix(".ravu")) as network:
+        assert network.labels == ["a\u2028b", "c\x0cd", ""]
+
+
+@pytest.mark.parametrize(
+    "command, name",
+    [("convert", "onnx"), *((c, "onnxruntime") for c in ("convert", "verify", "diff"))],
+)
+def test_a_missing_python_package_is_named(source, tmp_path, command, name):
+    model = convert(source).path
+    (tmp_path / "broken").mkdir()
+    (tmp_path / "broken" / f"{name}.py").write_text(f"raise ImportError('no {name} here')\n")
+    arguments = [source] if command == "convert" else [model, source]
+    outcome = run(command, *arguments, before=tmp_path / "broken")
+    assert outcome.returncode == 1
+    assert outcome.stderr.startswith(f"ravu {command}: no {name} here; install what it needs: ")
+    assert outcome.stderr.count("\n") == 1
+
+
+@pytest.mark.skipif(os.name == "nt", reason="pipes without SIGPIPE")
+def test_a_reader_that_leaves_ends_the_command_quietly(source):
+    model = convert(source).path
+    reader, writer = os.pipe()
+    os.close(reader)
+    package = str(Path(ravu.__file__).parents[1])
+    command = [sys.executable, "-m", "ravu", "verify", model, source]
+    ended = subprocess.run(
+        command, stdout=writer, stderr=subprocess.PIPE, env={**os.environ, "PYTHONPATH": package}
+    )
+    os.close(writer)
+    assert ended.returncode == -signal.SIGPIPE and ended.stderr == b""
+
+
+def test_a_package_without_the_program_says_so(source):
+    package = Path(ravu.__file__).parent
+    if (package / "ravu").exists():
+        pytest.skip("this package holds the program")
+    outcome = subprocess.run(
+        [sys.executable, "-m", "ravu", "inspect", source],
+        env={**os.environ, "PYTHONPATH": str(package.parent)},
+        capture_output=True,
+        text=True,
+    )
+    assert outcome.returncode == 1 and "without the ravu program" in outcome.stderr
 
 
 def test_a_missing_package_is_explained(source, tmp_path):
