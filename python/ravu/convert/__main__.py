@@ -6,7 +6,6 @@ Exit status: 0 done, 1 the source cannot be read, 2 misused, 3 refused, 4 the re
 from __future__ import annotations
 
 import argparse
-import json
 import sys
 from collections.abc import Sequence
 from pathlib import Path
@@ -22,6 +21,7 @@ from . import (
     VerificationFailed,
     convert,
 )
+from .json_text import json_text
 from .recipe import IMAGENET_DEVIATION, IMAGENET_MEAN
 
 UNREADABLE, REFUSED, DIFFERENT = 1, 3, 4
@@ -145,7 +145,7 @@ def _read_labels(path: Path) -> list[str]:
 
 def _print(report: Report, as_json: bool) -> None:
     if as_json:
-        print(json.dumps(report.to_json(), indent=1))
+        print(json_text(report.to_json()))
         return
     recipe = report.recipe
     order = "blue, green, red" if recipe.bgr else "red, green, blue"
@@ -170,7 +170,7 @@ def _list(values: Sequence[float]) -> str:
 
 def _refused(refused: ConversionRefused, source: Path, as_json: bool) -> int:
     if as_json:
-        print(json.dumps({"refusals": [r.to_json() for r in refused.refusals]}, indent=1))
+        print(json_text({"refusals": [r.to_json() for r in refused.refusals]}))
     else:
         count = len(refused.refusals)
         print(f"ravu convert: {source} cannot be expressed, for {count} reasons:", file=sys.stderr)
@@ -181,7 +181,7 @@ def _refused(refused: ConversionRefused, source: Path, as_json: bool) -> int:
 
 def _different(failed: VerificationFailed, source: Path, as_json: bool) -> int:
     if as_json:
-        print(json.dumps({"differences": [d.to_json() for d in failed.differences]}, indent=1))
+        print(json_text({"differences": [d.to_json() for d in failed.differences]}))
     else:
         print(f"ravu convert: {source}: {failed}; nothing was written", file=sys.stderr)
         for difference in failed.differences[:WORST_PRINTED]:

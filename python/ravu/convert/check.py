@@ -8,7 +8,6 @@ cannot be read, 2 misused, 4 it does not.
 from __future__ import annotations
 
 import argparse
-import json
 import sys
 from collections.abc import Sequence
 from pathlib import Path
@@ -20,6 +19,7 @@ from ..outline import read_outline
 from .card import repeat_check
 from .comparing import compare_layers
 from .graph import ConversionRefused, SourceError
+from .json_text import json_text
 from .loading import Options, load
 from .recipe import Recipe
 from .verify import TOLERANCE_WITH_NORMALISATION
@@ -41,7 +41,7 @@ def main(arguments: Sequence[str] | None = None) -> int:
     except _PROBLEMS as problem:
         print(f"ravu verify: {options.model}: {problem}", file=sys.stderr)
         return UNREADABLE
-    print(json.dumps(result, indent=1) if options.json else _text(result))
+    print(json_text(result) if options.json else _text(result))
     return 0 if result["same"] else DIFFERENT
 
 

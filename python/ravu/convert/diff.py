@@ -7,7 +7,6 @@ Exit status: 0 all layers agree within the tolerance, 1 one does not or somethin
 from __future__ import annotations
 
 import argparse
-import json
 import sys
 from collections.abc import Sequence
 from pathlib import Path
@@ -20,6 +19,7 @@ from ..network import EngineError, Mode, Network
 from ..outline import read_outline
 from .comparing import ComparedLayer, compare_layers
 from .graph import ConversionRefused, SourceError
+from .json_text import json_text
 from .loading import Options, load
 from .recipe import Recipe
 
@@ -41,7 +41,7 @@ def main(arguments: Sequence[str] | None = None) -> int:
     except _PROBLEMS as problem:
         print(f"ravu diff: {options.model}: {problem}", file=sys.stderr)
         return 1
-    print(json.dumps(result, indent=1) if options.json else _text(result))
+    print(json_text(result) if options.json else _text(result))
     return 0 if result["same"] else 1
 
 

@@ -5,7 +5,7 @@ import json
 
 import numpy as np
 import pytest
-from ravu.convert import Options, Recipe
+from ravu.convert import Options, Recipe, diff
 from ravu.convert.check import DIFFERENT, UNREADABLE, main
 from ravu.model_file import Model
 
@@ -46,6 +46,26 @@ def test_a_changed_model_fails_its_check(converted, capsys):
     model.write(converted)
     assert main([str(converted), "--json"]) == DIFFERENT
     assert json.loads(capsys.readouterr().out)["same"] is False
+
+
+@pytest.mark.parametrize("main", [main, diff.main])
+def test_json_has_null_for_numbers_that_json_has_not(converted, capsys, main):
+    model = Model.read(converted)
+    model.layers[0].bias = model.layers[0].bias * np.float32("nan")
+    model.write(converted)
+    arguments = [str(converted), str(converted.parent / "source.onnx"), "--json"]
+    assert main(arguments) != 0
+    layers = json.loads(capsys.readouterr().out, parse_constant=pytest.fail)["layers"]
+    assert layers[0]["error"] is None and layers[0]["relative"] is None
+
+
+def test_a_check_that_finds_no_numbers_says_null(converted, capsys):
+    model = Model.read(converted)
+    model.layers[0].bias = model.layers[0].bias * np.float32("nan")
+    model.write(converted)
+    assert main([str(converted), "--json"]) == DIFFERENT
+    result = json.loads(capsys.readouterr().out, parse_constant=pytest.fail)
+    assert result["same"] is False and result["error"] is None
 
 
 def test_another_number_of_outputs_fails_the_check(converted):
