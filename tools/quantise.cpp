@@ -153,7 +153,8 @@ std::string text_of(const QuantiseReport& report) {
   for (const std::string& key : report.restored_keys) text += "kept      " + printable(key) + '\n';
   if (report.dropped_records > 0) {
     text += "left out  " + std::to_string(report.dropped_records) +
-            " layer records that the engine does not load\n";
+            (report.dropped_records == 1 ? " layer record" : " layer records") +
+            " that the engine does not load\n";
   }
   return text + "bytes     " + std::to_string(report.bytes_before) + " -> " +
          std::to_string(report.bytes_after) + (report.written ? "\n" : " (not written)\n");

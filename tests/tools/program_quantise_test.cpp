@@ -298,7 +298,7 @@ TEST_F(ProgramQuantise, RecordsThatTheEngineDoesNotLoadAreCounted) {
       "model.ravu", sound_model().add_layer(layer("unknown", {"scores"}, {"x"})).bytes());
   EXPECT_EQ(quantise(model)["dropped_records"], 1);
   EXPECT_EQ(quantise(sound)["dropped_records"], 0);
-  EXPECT_THAT(run_ravu({"quantise", model, out}).out, HasSubstr("left out  1 layer records"));
+  EXPECT_THAT(run_ravu({"quantise", model, out}).out, HasSubstr("left out  1 layer record that "));
 }
 
 TEST_F(ProgramQuantise, EverySmallModelIsQuantisedWhenAnyErrorIsAllowed) {

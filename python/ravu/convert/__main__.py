@@ -117,7 +117,10 @@ def _offset(text: str) -> int:
 
 
 def _numbers(text: str) -> tuple[float, ...]:
-    return tuple(float(part) for part in text.split(","))
+    try:
+        return tuple(float(part) for part in text.split(","))
+    except ValueError:
+        raise argparse.ArgumentTypeError("numbers separated by commas are expected") from None
 
 
 def _options(given: argparse.Namespace) -> Options:
@@ -173,7 +176,8 @@ def _refused(refused: ConversionRefused, source: Path, as_json: bool) -> int:
         print(json_text({"refusals": [r.to_json() for r in refused.refusals]}))
     else:
         count = len(refused.refusals)
-        print(f"ravu convert: {source} cannot be expressed, for {count} reasons:", file=sys.stderr)
+        reasons = "1 reason" if count == 1 else f"{count} reasons"
+        print(f"ravu convert: {source} cannot be expressed, for {reasons}:", file=sys.stderr)
         for refusal in refused.refusals:
             print(f"  {refusal}", file=sys.stderr)
     return REFUSED

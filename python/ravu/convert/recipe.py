@@ -56,7 +56,9 @@ class Recipe:
         methods below, for a resolved recipe."""
         assert self.range is not None and self.mean is not None and self.deviation is not None
         mean, deviation = (_spread(v, channels) for v in (self.mean, self.deviation))
-        if not (np.isfinite(mean).all() and (np.abs(deviation) > 0).all() and self.range):
+        if not np.isfinite([self.range, *mean, *deviation]).all():
+            raise SourceError("range, mean and deviation must be finite numbers")
+        if not (self.range and deviation.all()):
             raise SourceError("range and deviation must not be zero")
         return 1 / (self.range * deviation), -mean / deviation
 

@@ -83,6 +83,14 @@ def test_a_label_offset_that_no_program_obeys_is_refused(source, offset):
     assert not source.with_suffix(".ravu").exists()
 
 
+def test_pixels_that_are_no_numbers_are_refused(source):
+    misused = run("convert", source, "--mean", "x")
+    assert misused.returncode == 2 and "numbers separated by commas" in misused.stderr
+    outcome = run("convert", source, "--range", "nan", "--no-verify")
+    assert outcome.returncode == 1 and "finite numbers" in outcome.stderr
+    assert not source.with_suffix(".ravu").exists()
+
+
 def test_diff_with_a_source_is_done_in_python(source):
     assert run("convert", source).returncode == 0
     model = source.with_suffix(".ravu")
@@ -96,7 +104,9 @@ def test_diff_with_a_source_is_done_in_python(source):
 def test_a_refusal_keeps_its_exit_status(tmp_path):
     model = Source()
     path = model.save(tmp_path, model("Sigmoid", model.conv("image", 3, 4)))
-    assert run("convert", path).returncode == 3
+    refused = run("convert", path)
+    assert refused.returncode == 3
+    assert "for 1 reason:" in refused.stderr
 
 
 def test_arguments_reach_the_converter(source):

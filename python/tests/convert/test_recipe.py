@@ -36,6 +36,13 @@ def test_a_recipe_comes_back_from_its_card():
     assert Recipe.from_json(recipe.to_json()) == recipe
 
 
+@pytest.mark.parametrize("value", [float("nan"), float("inf")])
+def test_recipes_that_are_no_numbers_are_refused_as_such(value):
+    for recipe in (Recipe(range=value), Recipe(mean=(0, value, 0)), Recipe(deviation=(value,))):
+        with pytest.raises(SourceError, match="finite"):
+            recipe.resolved(3).affine(3)
+
+
 def test_hopeless_recipes_are_refused():
     for recipe in (Recipe(range=0.0), Recipe(deviation=(1, 0, 1)), Recipe(mean=(1, 2))):
         with pytest.raises(SourceError):
