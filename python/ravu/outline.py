@@ -18,11 +18,13 @@ MOST_LABEL_OFFSET = 1_000_000
 
 @dataclass(frozen=True)
 class Outline:
-    """labels:   the names of the classes
+    """takes:    rows and columns of an input, and values per pixel
+    labels:   the names of the classes
     layer_of: for each tensor the index, in execution order, of the last layer that writes it
     card:     the model card, or None
     """
 
+    takes: tuple[int, int]
     labels: list[str]
     layer_of: dict[str, int]
     card: dict[str, object] | None
@@ -51,7 +53,8 @@ def _outline(data: bytes) -> Outline:
             continue
         layer_of.update(dict.fromkeys(layer.texts("output_layers"), index))
         index += 1
-    return Outline(reader.texts("label_names"), layer_of, card_of(reader))
+    takes = (reader.int("input_size"), reader.int("input_channel_num"))
+    return Outline(takes, reader.texts("label_names"), layer_of, card_of(reader))
 
 
 def _has_crop(reader: RecordReader) -> bool:

@@ -8,6 +8,7 @@ from typing import Any
 
 import numpy as np
 
+from ..model_file import ModelFileError
 from ..network import Mode, Network
 from .recipe import Recipe
 from .verify import Difference, pictures
@@ -65,16 +66,25 @@ def output_samples(model: Path, mode: Mode = Mode.CPU) -> dict[str, Any]:
 def repeat_check(model: Path, stored: dict[str, Any], mode: Mode = Mode.CPU) -> float:
     """The largest error of a model's outputs against its card's, in parts of the output's range.
 
-    Infinite when the outputs are not even the same in number or size.
+    Infinite when the outputs are not even the same in number or size. Raises `ModelFileError` for
+    a check that is not whole.
     """
     now = output_samples(model, mode)["outputs"]
-    then = stored["outputs"]
-    if [o["count"] for o in now] != [o["count"] for o in then]:
-        return float("inf")
+    try:
+        then = [
+            (output["count"], np.float64(output["samples"]), float(output["range"]))
+            for output in stored["outputs"]
+        ]
+    except (KeyError, TypeError, ValueError) as error:
+        raise ModelFileError("its card has no whole check") from error
     worst = 0.0
-    for new, old in zip(now, then):
-        error = np.abs(np.subtract(new["samples"], old["samples"])).max()
-        worst = max(worst, float(np.nan_to_num(error, nan=np.inf)) / (float(old["range"]) or 1.0))
+    if len(now) != len(then):
+        return float("inf")
+    for new, (count, samples, range_) in zip(now, then):
+        if new["count"] != count or len(new["samples"]) != samples.size:
+            return float("inf")
+        error = np.abs(new["samples"] - samples.ravel()).max(initial=0.0)
+        worst = max(worst, float(np.nan_to_num(error, nan=np.inf)) / (range_ or 1.0))
     return worst
 
 

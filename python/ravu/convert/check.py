@@ -20,24 +20,19 @@ from .card import repeat_check
 from .comparing import compare_layers
 from .graph import ConversionRefused, SourceError
 from .json_text import json_text
-from .loading import Options, load
-from .recipe import Recipe
+from .loading import card_of_conversion, load_for
 from .verify import TOLERANCE_WITH_NORMALISATION
 
 UNREADABLE, DIFFERENT = 1, 4
-_PROBLEMS = (ModelFileError, EngineError, SourceError, ConversionRefused, OSError, KeyError,
-             TypeError, ValueError)  # fmt: skip
+_PROBLEMS = (ModelFileError, EngineError, SourceError, ConversionRefused, OSError)
 
 
 def main(arguments: Sequence[str] | None = None) -> int:
     """Check one model and print the result. Returns the exit status."""
     options = _parser().parse_args(arguments)
     try:
-        card = read_outline(options.model).card
-        if card is None:
-            raise ModelFileError("has no card; ravu convert writes one")
         check = _against_card if options.source is None else _against_source
-        result = check(options, card)
+        result = check(options)
     except _PROBLEMS as problem:
         print(f"ravu verify: {options.model}: {problem}", file=sys.stderr)
         return UNREADABLE
@@ -62,7 +57,8 @@ def _parser() -> argparse.ArgumentParser:
     return parser
 
 
-def _against_card(options: argparse.Namespace, card: dict[str, Any]) -> dict[str, Any]:
+def _against_card(options: argparse.Namespace) -> dict[str, Any]:
+    card = card_of_conversion(read_outline(options.model))
     if "check" not in card:
         raise ModelFileError("its card has no check")
     error = repeat_check(options.model, card["check"], Mode(options.mode))
@@ -70,11 +66,9 @@ def _against_card(options: argparse.Namespace, card: dict[str, Any]) -> dict[str
     return {"model": str(options.model), "same": same, "error": error}
 
 
-def _against_source(options: argparse.Namespace, card: dict[str, Any]) -> dict[str, Any]:
+def _against_source(options: argparse.Namespace) -> dict[str, Any]:
     """The differences in the order of the layers, and the first that is too large."""
-    recipe = Recipe.from_json(card["input"]["folded"])
-    given = Options(recipe=recipe, weights=options.weights, ssd=options.ssd)
-    loaded = load(options.source, given)
+    loaded = load_for(options.model, options.source, options.weights, options.ssd)
     layers = compare_layers(loaded, options.model, Mode(options.mode))
     first = next((layer.difference.tensor for layer in layers if layer.above), None)
     return {

@@ -16,15 +16,12 @@ import numpy as np
 
 from ..model_file import ModelFileError
 from ..network import EngineError, Mode, Network
-from ..outline import read_outline
 from .comparing import ComparedLayer, compare_layers
 from .graph import ConversionRefused, SourceError
 from .json_text import json_text
-from .loading import Options, load
-from .recipe import Recipe
+from .loading import load_for
 
-_PROBLEMS = (ModelFileError, EngineError, SourceError, ConversionRefused, OSError, KeyError,
-             TypeError, ValueError)  # fmt: skip
+_PROBLEMS = (ModelFileError, EngineError, SourceError, ConversionRefused, OSError)
 
 
 def main(arguments: Sequence[str] | None = None) -> int:
@@ -76,16 +73,12 @@ def _parser() -> argparse.ArgumentParser:
 
 
 def _compare(options: argparse.Namespace) -> dict[str, Any]:
-    card = read_outline(options.model).card
-    if card is None:
-        raise ModelFileError("has no card; ravu convert writes one")
-    recipe = Recipe.from_json(card["input"]["folded"])
-    loaded = load(options.source, Options(recipe=recipe, weights=options.weights, ssd=options.ssd))
+    loaded = load_for(options.model, options.source, options.weights, options.ssd)
     inputs = []
     if options.image is not None:
         with Network(options.model) as network:
             _, height, width, channels = network.input_shape
-        inputs = [_read_picture(options.image, (width, height), channels, card["input"]["fit"])]
+        inputs = [_read_picture(options.image, (width, height), channels, loaded.recipe.fit)]
     layers = compare_layers(loaded, options.model, Mode(options.mode), inputs, options.tolerance)
     first = next((layer for layer in layers if layer.above), None)
     return {

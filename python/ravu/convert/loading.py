@@ -6,7 +6,10 @@ from collections.abc import Callable
 from dataclasses import dataclass, field, replace
 from functools import partial
 from pathlib import Path
+from typing import Any
 
+from ..model_file import ModelFileError
+from ..outline import Outline, read_outline
 from .caffe import load_caffe, read_caffe, read_mean
 from .caffe.evaluate import CaffeSource
 from .graph import Graph, SourceError
@@ -76,3 +79,30 @@ def load(source: Path, options: Options) -> Loaded:
         files.append(options.mean_file)
     recipe = recipe.resolved_for_caffe()
     return Loaded(read_caffe(model), recipe, files, partial(CaffeSource, model))
+
+
+def load_for(model: Path, source: Path, weights: Path | None, ssd: Path | None) -> Loaded:
+    """The source of a converted model, its recipe as the model's card gives it. Raises
+    `SourceError`, and `ModelFileError` for a model without a whole card."""
+    outline = read_outline(model)
+    try:
+        given = card_of_conversion(outline)["input"]
+        recipe = replace(Recipe.from_json(given["folded"]), fit=str(given.get("fit", "squash")))
+    except (AttributeError, KeyError, TypeError, ValueError) as error:
+        raise ModelFileError("its card does not say what was folded into it") from error
+    loaded = load(source, Options(recipe=recipe, weights=weights, ssd=ssd))
+    theirs = list(loaded.graph.shapes[loaded.graph.input][1:])
+    size, channels = outline.takes
+    if theirs != [channels, size, size]:
+        raise SourceError(
+            f"{source}: takes images of {theirs} (channels, rows, columns), and the model of"
+            f" {[channels, size, size]}"
+        )
+    return loaded
+
+
+def card_of_conversion(outline: Outline) -> dict[str, Any]:
+    """The card that `ravu convert` wrote. Raises `ModelFileError` when there is none."""
+    if outline.card is None:
+        raise ModelFileError("has no card; ravu convert writes one")
+    return outline.card

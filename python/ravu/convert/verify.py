@@ -147,11 +147,17 @@ def compare(
             network.run(picture)
             for name, expected in wanted.items():
                 value = visible[name]
-                got = to_source_order(value, network.hidden(value.blob))
+                got = network.hidden(value.blob)
                 if name in tables:
                     errors[name] = max(errors[name], table_error(got, expected))
                     lows[name], highs[name] = 0.0, 1.0
                     continue
+                if not got.size == expected.size == np.prod(value.shape):
+                    raise SourceError(
+                        f"{name}: the source has {expected.size} values and the model {got.size};"
+                        " it is not the model's source"
+                    )
+                got = to_source_order(value, got)
                 error = np.abs(got.astype(np.float64) - expected.reshape(value.shape)).max()
                 # A NaN anywhere is the largest error there is.
                 errors[name] = max(errors[name], float(np.nan_to_num(error, nan=np.inf)))

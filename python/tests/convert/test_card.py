@@ -75,13 +75,49 @@ def test_another_number_of_outputs_fails_the_check(converted):
     assert main([str(converted)]) == DIFFERENT
 
 
-@pytest.mark.parametrize("card", [None, {}, {"check": {}}, {"check": {"outputs": [{}]}}])
-def test_a_model_without_a_whole_card_is_reported(converted, capsys, card):
+BROKEN_CHECKS = [{}, {"outputs": [{}]}, {"outputs": 3}, {"outputs": [{"count": 4, "range": 1}]}]
+
+
+@pytest.mark.parametrize(
+    "card, text",
+    [(None, "has no card"), ({}, "no check"), ({"check": 3}, "no whole check")]
+    + [({"check": check}, "no whole check") for check in BROKEN_CHECKS],
+)
+def test_a_model_without_a_whole_card_is_reported(converted, capsys, card, text):
     model = Model.read(converted)
     model.card = card
     model.write(converted)
     assert main([str(converted)]) == UNREADABLE
-    assert str(converted) in capsys.readouterr().err
+    error = capsys.readouterr().err
+    assert str(converted) in error and text in error
+
+
+def test_fewer_samples_than_the_output_has_fail_the_check(converted):
+    model = Model.read(converted)
+    model.card["check"]["outputs"][0]["samples"].pop()
+    model.write(converted)
+    assert main([str(converted)]) == DIFFERENT
+
+
+@pytest.mark.parametrize("command", [main, diff.main])
+@pytest.mark.parametrize("given", [None, 3, {}, {"folded": {}}, {"folded": {"range": "x"}}])
+def test_a_card_that_does_not_say_what_was_folded_is_reported(converted, capsys, command, given):
+    model = Model.read(converted)
+    model.card["input"] = given
+    model.write(converted)
+    assert command([str(converted), str(converted.parent / "source.onnx")]) == 1
+    assert "does not say what was folded" in capsys.readouterr().err
+
+
+@pytest.mark.parametrize("command", [main, diff.main])
+def test_the_source_of_another_model_is_reported(converted, tmp_path, capsys, command):
+    for name, size, outputs, text in [("size", 12, 4, "takes images"), ("channels", 9, 5, "values")]:
+        (tmp_path / name).mkdir()
+        other = Source(size=size)
+        other("Relu", other.conv("image", 3, outputs, (3, 3)))
+        path = other.save(tmp_path / name, "relu1_0")
+        assert command([str(converted), str(path)]) == 1
+        assert text in capsys.readouterr().err
 
 
 def test_all_layers_are_compared_with_the_source(converted, capsys):
