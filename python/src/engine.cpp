@@ -78,7 +78,11 @@ class Network {
   void forward(std::uint32_t mode) {
     ravu_network* network = open();
     const py::gil_scoped_release unlocked;
-    ravu_forward(network, mode);
+    try {
+      ravu_forward(network, mode);
+    } catch (const std::runtime_error& error) {
+      throw EngineError(error.what());
+    }
   }
 
   std::int64_t output_count() { return ravu_getOutput_blob_num(open()); }
