@@ -14,6 +14,7 @@ from __future__ import annotations
 
 import json
 import os
+import secrets
 from collections.abc import Sequence
 from dataclasses import dataclass, field
 from pathlib import Path
@@ -153,11 +154,18 @@ class Model:
         return writer.to_element().to_bytes()
 
     def write(self, path: str | os.PathLike[str]) -> None:
-        """Write the file beside its destination, then rename it: no half file is left there."""
+        """Write the file beside its destination, then rename it: no half file is left there, under
+        whatever name. Raises `OSError`; an existing file then stays."""
         path = Path(path)
-        partial = path.with_name(path.name + ".partial")
-        partial.write_bytes(self.to_bytes())
-        partial.replace(path)
+        data = self.to_bytes()
+        partial = path.with_name(f"{path.name}.{secrets.token_hex(8)}.partial")
+        try:
+            with open(partial, "xb") as file:
+                file.write(data)
+            partial.replace(path)
+        except BaseException:
+            partial.unlink(missing_ok=True)
+            raise
 
     @classmethod
     def from_bytes(cls, data: bytes) -> Model:

@@ -2,6 +2,11 @@
 
 import struct
 
+try:
+    import resource
+except ImportError:  # there are none on Windows
+    resource = None
+
 import numpy as np
 import pytest
 from ravu import tag_tree
@@ -204,13 +209,43 @@ def test_unreadable_path_is_an_os_error(tmp_path):
         Model.read(tmp_path / "missing.ravu")
 
 
-def test_failed_write_leaves_the_old_file(tmp_path):
+def test_what_cannot_be_a_file_leaves_the_old_one(tmp_path):
     path = tmp_path / "m.ravu"
     small_model().write(path)
     before = path.read_bytes()
     with pytest.raises(ModelFileError):
         small_model(data_mean=[1, 2, 3]).write(path)
     assert path.read_bytes() == before
+
+
+@pytest.mark.skipif(resource is None, reason="no limit on file sizes here")
+def test_a_write_that_fails_halfway_leaves_the_old_file_and_no_other(tmp_path):
+    path = tmp_path / "m.ravu"
+    small_model().write(path)
+    before = path.read_bytes()
+    large = Model(input_size=4, image_size=4, input_channels=2, labels=["x" * 100_000])
+    limits = resource.getrlimit(resource.RLIMIT_FSIZE)
+    resource.setrlimit(resource.RLIMIT_FSIZE, (50_000, limits[1]))
+    try:
+        with pytest.raises(OSError):
+            large.write(path)
+    finally:
+        resource.setrlimit(resource.RLIMIT_FSIZE, limits)
+    assert path.read_bytes() == before
+    assert list(tmp_path.iterdir()) == [path]
+
+
+def test_a_rename_that_fails_leaves_no_other_file(tmp_path):
+    (tmp_path / "m.ravu").mkdir()
+    with pytest.raises(OSError):
+        small_model().write(tmp_path / "m.ravu")
+    assert [entry.name for entry in tmp_path.iterdir()] == ["m.ravu"]
+
+
+def test_a_file_of_the_users_own_beside_it_stays(tmp_path):
+    (tmp_path / "m.ravu.partial").write_text("mine")
+    small_model().write(tmp_path / "m.ravu")
+    assert (tmp_path / "m.ravu.partial").read_text() == "mine"
 
 
 @pytest.mark.parametrize("need_quant", [False, True])
