@@ -33,6 +33,8 @@ def main(arguments: Sequence[str] | None = None) -> int:
     parser = _parser()
     options = parser.parse_args(arguments)
     try:
+        if options.labels and options.output and _same_file(options.labels, options.output):
+            raise SourceError(f"{options.output}: the result would replace the labels")
         report = convert(options.source, options.output, _options(options))
     except ConversionRefused as refused:
         return _refused(refused, options.source, options.json)
@@ -135,6 +137,10 @@ def _options(given: argparse.Namespace) -> Options:
         softmax=given.softmax,
         verify=not given.no_verify,
     )
+
+
+def _same_file(first: Path, second: Path) -> bool:
+    return first.resolve() == second.resolve()
 
 
 def _read_labels(path: Path) -> list[str]:

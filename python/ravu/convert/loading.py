@@ -46,7 +46,7 @@ class Options:
 class Loaded:
     """A source that was read.
 
-    files:  where from
+    files:  where from: all that the result depends on
     runner: makes of a list of tensors what runs the source and fetches them
     """
 
@@ -67,11 +67,13 @@ def load(source: Path, options: Options) -> Loaded:
             recipe = replace(recipe, range=1.0)
         recipe = recipe.resolved(graph.shapes[graph.input][1])
         runner: Callable[[list[str]], Source] = partial(OnnxSource, source)
+        files = [source]
         if options.ssd is not None:
             detector = read_detector(options.ssd)
             attach_detector(graph, detector)
             runner = partial(SsdSource, source, detector)
-        return Loaded(graph, recipe, [source], runner)
+            files.append(options.ssd)
+        return Loaded(graph, recipe, files, runner)
     model = load_caffe(source, options.weights)
     files = [source, options.weights]
     if options.mean_file is not None:

@@ -91,6 +91,14 @@ def test_pixels_that_are_no_numbers_are_refused(source):
     assert not source.with_suffix(".ravu").exists()
 
 
+def test_labels_are_not_replaced_by_the_result(source, tmp_path):
+    labels = tmp_path / "labels.txt"
+    labels.write_text("cat\ndog\nbird\n")
+    outcome = run("convert", source, "--labels", labels, "-o", tmp_path / "." / "labels.txt")
+    assert outcome.returncode == 1 and "would replace the labels" in outcome.stderr
+    assert labels.read_text() == "cat\ndog\nbird\n"
+
+
 def test_diff_with_a_source_is_done_in_python(source):
     assert run("convert", source).returncode == 0
     model = source.with_suffix(".ravu")

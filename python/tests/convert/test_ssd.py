@@ -5,6 +5,7 @@ from dataclasses import replace
 
 import pytest
 from ravu.convert import ConversionRefused, Recipe, SourceError
+from ravu.convert import convert as run_converter
 from ravu.convert.verify import table_error
 from ravu.model_file import Model
 
@@ -52,6 +53,18 @@ def test_a_detector_cut_at_its_heads_computes_the_same(tmp_path, changes):
     assert "detections" in {d.tensor for d in report.differences}
     model = Model.read(tmp_path / "out.ravu")
     assert model.layers[-1].keyword == "detectionout" and model.card["task"] == "detector"
+
+
+def test_the_description_belongs_to_the_source(tmp_path):
+    source, out = detector(tmp_path)
+    convert(tmp_path, source, out)
+    names = [entry["name"] for entry in Model.read(tmp_path / "out.ravu").card["source"]]
+    assert names == ["source.onnx", "ssd.json"]
+    description = tmp_path / "ssd.json"
+    before = description.read_bytes()
+    with pytest.raises(SourceError, match="would replace the source"):
+        run_converter(source.save(tmp_path, out), description, replace(OPTIONS, ssd=description))
+    assert description.read_bytes() == before
 
 
 def test_boxes_cut_at_the_border_have_whole_sizes(tmp_path):
