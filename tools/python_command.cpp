@@ -44,8 +44,9 @@ int run_and_wait(const std::vector<std::string>& command) {
 int run_python_command(const std::string& name, const std::vector<std::string>& arguments) {
   if (run_and_wait({kPython, "-c", kLookForPackage}) != 0) {
     throw Failure(name +
-                  " is written in Python, and python3 does not find the package ravu;"
-                  " install its wheel: python3 -m pip install 'ravu[convert]'");
+                  " is written in Python, and python3 is missing or does not find the package ravu;"
+                  " build its wheel with scripts/build_wheel.sh and install that:"
+                  " python3 -m pip install 'ravu-....whl[convert]'");
   }
   std::vector<std::string> command{kPython, "-m", "ravu", name};
   command.insert(command.end(), arguments.begin(), arguments.end());

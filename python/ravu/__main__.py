@@ -17,6 +17,8 @@ _MODULES = {
     "diff": "ravu.convert.diff",
 }
 _SOURCES = (".onnx", ".prototxt")
+_EXTRA = "onnx onnxruntime pillow protobuf"
+"""The packages of the extra `convert`, by their own names: this package is in no index."""
 
 
 def main() -> int:
@@ -45,7 +47,7 @@ def _run_python(name: str, arguments: list[str]) -> int:
         return importlib.import_module(_MODULES[name]).main(arguments)
     except ImportError as error:
         print(
-            f"ravu {name}: {error}; install what it needs: python3 -m pip install 'ravu[convert]'",
+            f"ravu {name}: {error}; install what it needs: python3 -m pip install {_EXTRA}",
             file=sys.stderr,
         )
         return 1

@@ -151,6 +151,7 @@ def test_a_missing_python_package_is_named(source, tmp_path, command, name):
     outcome = run(command, *arguments, before=tmp_path / "broken")
     assert outcome.returncode == 1
     assert outcome.stderr.startswith(f"ravu {command}: no {name} here; install what it needs: ")
+    assert "pip install onnx onnxruntime pillow protobuf" in outcome.stderr
     assert outcome.stderr.count("\n") == 1
 
 
@@ -184,4 +185,4 @@ def test_a_package_without_the_program_says_so(source):
 def test_a_missing_package_is_explained(source, tmp_path):
     outcome = run("convert", source, packages=False, cwd=tmp_path)
     assert outcome.returncode == 1
-    assert "pip install 'ravu[convert]'" in outcome.stderr
+    assert "pip install 'ravu-....whl[convert]'" in outcome.stderr
