@@ -11,6 +11,7 @@ import numpy as np
 from ..network import Mode
 from ..outline import read_outline
 from .converter import Converted, convert_graph
+from .graph import SourceError
 from .loading import Loaded
 from .verify import TOLERANCE, TOLERANCE_WITH_NORMALISATION, Difference, compare
 
@@ -40,9 +41,13 @@ def compare_layers(
 
     inputs:    pictures of the network's size; drawn ones where there are none
     tolerance: in parts of a tensor's range; None for those of a conversion
+
+    Raises `SourceError` for the source of another model.
     """
     converted = convert_graph(loaded.graph, loaded.recipe)
     differences = compare_all(loaded, model, converted, mode, inputs)
+    if not differences:
+        raise SourceError("model and source have no tensor in common")
     if tolerance is None:
         above = {d.tensor for d in too_large(differences, converted)}
     else:

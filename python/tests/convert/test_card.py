@@ -111,11 +111,11 @@ def test_a_card_that_does_not_say_what_was_folded_is_reported(converted, capsys,
 
 @pytest.mark.parametrize("command", [main, diff.main])
 def test_the_source_of_another_model_is_reported(converted, tmp_path, capsys, command):
-    for name, size, outputs, text in [("size", 12, 4, "takes images"), ("channels", 9, 5, "values")]:
-        (tmp_path / name).mkdir()
+    cases = [(12, 4, "GlobalAveragePool", "takes images"), (9, 5, "GlobalAveragePool", "values")]
+    for size, outputs, last, text in [*cases, (9, 4, "LeakyRelu", "in common")]:
         other = Source(size=size)
-        other("Relu", other.conv("image", 3, outputs, (3, 3)))
-        path = other.save(tmp_path / name, "relu1_0")
+        x = other(last, other("Relu", other.conv("image", 3, outputs, (3, 3))))
+        path = other.save(tmp_path, x)
         assert command([str(converted), str(path)]) == 1
         assert text in capsys.readouterr().err
 
