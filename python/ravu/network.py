@@ -25,9 +25,11 @@ class Mode(IntEnum):
     CPU = 0
     """Processor, single precision."""
     GPU = 2
-    """GPU; the weights leave the processor's memory after upload."""
+    """GPU; the weights leave the processor's memory after upload. Needs clDNN, or
+    `libravu_cldnn.so` and an OpenCL device."""
     FIXED_POINT = 3
-    """Processor, 8-bit kernel library where a layer has such a form."""
+    """Processor, 8-bit kernel library where a layer has such a form. Needs `libravu_fixpoint.so`.
+    """
     GPU_KEEP = 4
     """GPU; the weights stay in the processor's memory too."""
 
@@ -102,7 +104,8 @@ class Network:
         return self._outline.card
 
     def set_up(self, mode: Mode | int = Mode.CPU) -> None:
-        """Prepare the network for a run mode, once. Raises `EngineError` when it cannot be had."""
+        """Prepare the network for a run mode, once. Raises `EngineError` when it cannot be had:
+        the library or the device that the mode needs is not there, or not enough memory."""
         mode = int(mode)
         self._engine.set_up(mode)
         self._mode = Mode(mode)

@@ -1,12 +1,14 @@
 // The compiled half of the Python package: one class over the C interface. Tensors cross as copies
 // in plain byte buffers, so that this file does not depend on a version of NumPy; ravu/network.py
-// makes arrays of them.
+// makes arrays of them. The C interface does not say whether there is a fixed-point library, so
+// this file looks for it as the engine does.
 #include <pybind11/pybind11.h>
 
 #include <cstring>
 #include <stdexcept>
 #include <string>
 
+#include "graph/fixed_point_library.h"
 #include "ravu/ravu.h"
 
 namespace py = pybind11;
@@ -40,10 +42,12 @@ class Network {
   std::uint32_t input_size() { return ravu_get_network_inputSize(open()); }
   std::uint32_t input_channels() { return ravu_get_network_inputChannels(open()); }
 
-  // The GPU run modes raise std::runtime_error; Python sees it as EngineError as well.
+  // The GPU run modes raise std::runtime_error; Python sees it as EngineError as well. Without the
+  // fixed-point library the engine's set-up succeeds and its runs leave outputs as they were.
   void set_up(std::uint32_t mode) {
     ravu_network* network = open();
     const py::gil_scoped_release unlocked;
+    if (mode == RAVU_MODE_FIXED_POINT) require_fixed_point();
     bool prepared = false;
     try {
       prepared = ravu_setup_runEngine(network, mode);
@@ -96,6 +100,11 @@ class Network {
   }
 
  private:
+  static void require_fixed_point() {
+    static const std::string problem = ravu::load_fixed_point_library().problem;
+    if (!problem.empty()) throw EngineError("run mode 3: " + problem);
+  }
+
   ravu_network* open() const {
     if (network_ == nullptr) throw EngineError("the network is closed");
     return network_;

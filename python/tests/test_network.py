@@ -1,5 +1,10 @@
 """Running models through the compiled module. Values are checked against numpy."""
 
+import os
+import subprocess
+import sys
+from pathlib import Path
+
 import numpy as np
 import pytest
 from ravu.model_file import Conv, FullyConnected, Model, ModelFileError, Pool, Relu, Softmax
@@ -108,6 +113,34 @@ def test_run_modes_that_cannot_be_had_raise(path):
         with pytest.raises(EngineError, match="run mode 1"):
             network.set_up(1)
         assert issubclass(EngineError, RuntimeError)
+
+
+def test_fixed_point_computes_nearly_the_same(path):
+    pixels = RNG.integers(0, 4, (4, 4, 2), np.uint8)
+    with Network(path) as network:
+        (exact,) = network.run(pixels)
+        try:
+            network.set_up(Mode.FIXED_POINT)
+        except EngineError as error:
+            pytest.skip(str(error))
+        (rounded,) = network.run(pixels)
+    np.testing.assert_allclose(rounded, exact, atol=0.1)
+    assert (rounded != exact).any()
+
+
+@pytest.mark.skipif(sys.platform != "linux", reason="hides a library in the way of Linux")
+def test_fixed_point_without_its_library_is_refused(path, tmp_path):
+    library = "libravu_fixpoint.so"
+    if (Path(ravu.__file__).parent / library).exists():
+        pytest.skip("the library is found before what is hidden in the way")
+    (tmp_path / library).write_bytes(b"")
+    code = "import sys, ravu; ravu.Network(sys.argv[1]).set_up(3)"
+    package = str(Path(ravu.__file__).parents[1])
+    environment = {**os.environ, "PYTHONPATH": package, "LD_LIBRARY_PATH": str(tmp_path)}
+    command = [sys.executable, "-c", code, str(path)]
+    ended = subprocess.run(command, env=environment, capture_output=True, text=True)
+    last = ended.stderr.splitlines()[-1]
+    assert "EngineError: run mode 3: the fixed-point library cannot be loaded" in last
 
 
 def test_a_closed_network_raises(path):
