@@ -29,10 +29,11 @@ test=(
   python3-venv                              # a place for what requirements-test.txt names
 )
 check=(
-  clang-format clang-tidy gcovr libbenchmark-dev libomp-dev
+  clang-format clang-tidy gcovr libomp-dev
   libclblast-dev  # the benchmark of the GPU provider compares with it
   oclgrind        # finds kernels that read out of bounds or race
   python3-torch   # the demo models once more, exported to ONNX and converted
+  python3-torchvision  # the known networks of docs/converting.md
 )
 bench=(
   python3-matplotlib  # the plot of docs/performance.md
@@ -61,9 +62,9 @@ install_packages() {
   echo "Packages: installing ${missing[*]}"
   local as_root=()
   [ "$(id -u)" -eq 0 ] || as_root=(sudo)
-  export DEBIAN_FRONTEND=noninteractive
   "${as_root[@]}" apt-get update -qq
-  "${as_root[@]}" apt-get install -y -qq --no-install-recommends \
+  # Behind sudo, which forgets the caller's environment.
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
     -o DPkg::Lock::Timeout=600 "${missing[@]}" >/dev/null
 }
 
