@@ -11,8 +11,8 @@
 //   ravu verify MODEL              repeats the check of a converted model (in Python)
 //
 // Results go to standard output, everything else to standard error. The exit code is 0, 1 when
-// something could not be done, or 2 when the command line is wrong. This is the only file that
-// includes CLI11, which is slow to compile.
+// something could not be done, or 2 when the command line is wrong; convert and verify also end
+// with 3 and 4 (docs/converting.md). Only this file includes CLI11, which is slow to compile.
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
@@ -140,10 +140,14 @@ void add_inspect(CLI::App& app, InspectOptions& options) {
   command.add_option("--batch", options.batch, "Images in a batch, for shapes and multiply-adds")
       ->check(CLI::PositiveNumber)
       ->capture_default_str();
-  command.add_flag("--tags", options.tags,
-                   "Show the tree of elements instead of the layers; works for damaged models too");
-  command.add_flag("--plan", options.plan,
-                   "Also show how run mode 0 computes each layer on this machine");
+  command
+      .add_flag("--tags", options.tags,
+                "Show the tree of elements instead of the layers; works for damaged models too")
+      ->excludes("--batch");
+  command
+      .add_flag("--plan", options.plan,
+                "Also show how run mode 0 computes each layer on this machine")
+      ->excludes("--tags");
   add_json(command, options.json);
   command.footer("Multiply-adds are those of convolutions and fully connected layers.");
 }
@@ -166,9 +170,10 @@ void add_bench(CLI::App& app, BenchOptions& options) {
                    "(run modes 0 and 3), and the most that the threads can compute");
   command.add_flag("--reference", options.reference,
                    "Also time the BLAS library's product of two 1024 x 1024 matrices in between");
-  command.add_flag(
-      "--load", options.load,
-      "Time loading, set-up and the first two passes instead, beside reading the file");
+  command
+      .add_flag("--load", options.load,
+                "Time loading, set-up and the first two passes instead, beside reading the file")
+      ->excludes("--warm-up", "--layers", "--reference");
   add_json(command, options.json);
   command.footer(
       "GF/s are billions of operations a second, two for each multiply-add of convolutions and\n"

@@ -36,6 +36,8 @@ TEST(Program, MisuseEndsWithTwoAndAMessage) {
                                                       {"unknown"},
                                                       {"inspect"},
                                                       {"inspect", "m", "--what"},
+                                                      {"inspect", "m", "--tags", "--plan"},
+                                                      {"inspect", "m", "--tags", "--batch", "2"},
                                                       {"classify", "m"},
                                                       {"classify", "m", "i", "--mode", "1"},
                                                       {"classify", "m", "i", "--mode", "x"},
@@ -52,7 +54,10 @@ TEST(Program, MisuseEndsWithTwoAndAMessage) {
                                                       {"quantise", "m", "o", "--max-error", "-1"},
                                                       {"bench", "m", "--repeats", "0"},
                                                       {"bench", "m", "--batch", "-1"},
-                                                      {"bench", "m", "--layers", "--mode", "2"}};
+                                                      {"bench", "m", "--layers", "--mode", "2"},
+                                                      {"bench", "m", "--load", "--layers"},
+                                                      {"bench", "m", "--load", "--reference"},
+                                                      {"bench", "m", "--load", "--warm-up", "9"}};
   for (const auto& arguments : misuses) {
     const Outcome outcome = run_ravu(arguments);
     EXPECT_EQ(outcome.code, 2) << ::testing::PrintToString(arguments);
