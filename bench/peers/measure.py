@@ -31,7 +31,7 @@ from typing import Any
 
 import numpy as np
 from engines import ENGINES
-from networks import NETWORKS
+from networks import BATCHES, NETWORKS
 from results import FIRST, Cell, Result, Results
 
 ROOT = Path(__file__).parents[2]
@@ -195,7 +195,12 @@ def measure(folder: Path, cell: Cell, engines: Sequence[str]) -> list[Result]:
     try:
         limits = take_turns(children, results)
         for engine, child in children.items():
-            results[engine] = replace(results[engine], **child.finish(), limits=limits)
+            try:
+                last = child.finish()
+            except ChildFailed as failed:
+                results[engine] = replace(results[engine], error=str(failed), rounds=())
+            else:
+                results[engine] = replace(results[engine], **last, limits=limits)
     finally:
         for child in children.values():
             child.kill()
@@ -245,13 +250,28 @@ def numbers(text: str) -> list[int]:
     return [int(part) for part in text.split(",")]
 
 
+def names(text: str) -> list[str]:
+    found = text.split(",")
+    unknown = [name for name in found if name not in NETWORKS]
+    if unknown:
+        known = ", ".join(NETWORKS)
+        raise argparse.ArgumentTypeError(f"no network {unknown[0]!r}; there are {known}")
+    return found
+
+
+def batches(text: str) -> list[int]:
+    found = numbers(text)
+    if not set(found) <= set(BATCHES):
+        raise argparse.ArgumentTypeError(f"{text}: files are prepared for batches of {BATCHES}")
+    return found
+
+
 def cells(arguments: argparse.Namespace) -> list[Cell]:
     """Batch 1 of all networks first: it says most."""
-    networks = arguments.only.split(",") if arguments.only else list(NETWORKS)
     return [
         Cell(network, batch, threads)
         for batch in arguments.batch
-        for network in networks
+        for network in arguments.only
         for threads in arguments.threads
     ]
 
@@ -259,8 +279,8 @@ def cells(arguments: argparse.Namespace) -> list[Cell]:
 def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("folder", type=Path)
-    parser.add_argument("--only", default="", help="networks, by default all")
-    parser.add_argument("--batch", type=numbers, default=[1, 8])
+    parser.add_argument("--only", type=names, default=list(NETWORKS), help="by default all")
+    parser.add_argument("--batch", type=batches, default=list(BATCHES))
     parser.add_argument("--threads", type=numbers, default=[1, 2])
     parser.add_argument("--seconds", type=float, default=math.inf)
     arguments = parser.parse_args()

@@ -8,6 +8,9 @@ from graph import Graph
 
 CLASSES = 21
 
+BATCHES = (1, 8)
+"""Images in a run."""
+
 SCORES = 0.1
 """A spread that keeps scores close enough for a softmax to show their differences."""
 

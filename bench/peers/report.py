@@ -14,12 +14,12 @@ from pathlib import Path
 from statistics import median
 
 from engines import ENGINES
-from networks import NETWORKS
+from networks import BATCHES, NETWORKS
 from results import FIRST, Cell, Result, Results
 
 BEGIN, END = "<!-- figures of the comparison -->\n", "<!-- end of the figures -->\n"
 TITLES = {engine: title for engine, (title, _) in ENGINES.items()}
-BATCHES, THREADS = (1, 8), (1, 2)
+THREADS = (1, 2)
 CELLS = [Cell(key, b, t) for key in NETWORKS for b in BATCHES for t in THREADS]
 KIB_IN_MIB = 1024
 
@@ -34,7 +34,7 @@ def fastest_peer(results: Results, cell: Cell) -> Result | None:
     """Measured in the same run as the first engine's newest figures, or None."""
     first = results.get(cell, FIRST)
     found = [results.get(cell, engine) for engine in TITLES if engine != FIRST]
-    peers = [r for r in found if r is not None and r.rounds]
+    peers = [r for r in found if r is not None and r.rounds and r.first]
     if first is None or not first.rounds or not peers:
         return None
     return min(peers, key=lambda r: r.minimum / min(r.first))

@@ -15,12 +15,14 @@ scripts/install_dependencies.sh bench
 if ! cmp -s $here/requirements.txt $venv/installed.txt; then
   echo "Python packages: installing $here/requirements.txt into $venv"
   /usr/bin/python3 -m venv --clear $venv
-  # One by one: a package that cannot be had leaves an empty row, with the reason in it.
-  grep -v '^#' $here/requirements.txt | while read -r package; do
+  # One by one: a package that cannot be had leaves an empty row, with the reason in it. The next
+  # call tries again.
+  all=yes
+  while read -r package; do
     $venv/bin/python3 -m pip install --quiet --disable-pip-version-check "$package" ||
-      echo "Without $package" >&2
-  done
-  cp $here/requirements.txt $venv/installed.txt
+      { echo "Without $package" >&2; all=no; }
+  done < <(grep -v '^#' $here/requirements.txt)
+  [ $all = no ] || cp $here/requirements.txt $venv/installed.txt
 fi
 
 cmake --preset release -DRAVU_BUILD_BENCH=ON -DRAVU_BUILD_PYTHON=ON >/dev/null

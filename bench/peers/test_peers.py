@@ -187,6 +187,14 @@ def test_the_fastest_peer_is_that_of_the_same_run(tmp_path):
     assert report.comparison(results, CELL) == ["0.80", "1.00", "40 %"]
 
 
+def test_a_peer_of_a_run_in_which_the_first_engine_failed_is_compared_with_nothing(tmp_path):
+    results = Results(tmp_path / "results.jsonl")
+    results.append([Result(CELL, FIRST, error="out of memory"), result("ncnn", 1.0, first=())])
+    results.append([result(FIRST, 2.0)])
+    assert report.fastest_peer(results, CELL) is None
+    assert report.comparison(results, CELL) == ["-", "-", "-"]
+
+
 def test_rows_show_every_engine_and_the_share_of_the_peak(tmp_path):
     row, *others = report.time_rows(small_results(tmp_path), batch=1, threads=1)
     assert row[:7] == ["AlexNet", "4.00", "-", "5.00", "**3.00**", "-", "-"]
@@ -280,6 +288,49 @@ def test_who_fails_in_a_turn_leaves_the_comparison(tmp_path, monkeypatch):
     assert asked == [1, "killed", 4, 4]
     assert results["ravu"].rounds == (0.5 / 8, 0.5 / 8)
     assert results["ncnn"].error == "the process ended by itself"
+
+
+def test_who_dies_at_the_end_leaves_the_others_figures(tmp_path, monkeypatch):
+    last = 'print(json.dumps({"peak'
+    program = "import sys, numpy\nnumpy.savez(sys.argv[6], [1.0])\n"
+    program += ECHO.replace(last, "if sys.argv[1] != 'ncnn': " + last)
+    (tmp_path / "child.py").write_text(program)
+    monkeypatch.setattr(measure, "__file__", str(tmp_path / "measure.py"))
+    monkeypatch.setattr(measure, "python_of", lambda engine: sys.executable)
+    monkeypatch.setattr(measure, "ENOUGH", 0.0)
+    monkeypatch.setattr(measure, "TURN", 0.5)
+    monkeypatch.setattr(measure, "RETRIES", 0.0)
+    monkeypatch.setattr(measure, "machine_limits", lambda threads: limits(100.0))
+    own, peer = measure.measure(tmp_path, CELL, [FIRST, "ncnn"])
+    assert own.rounds and own.peak_kib == 7 and not own.error
+    assert peer.error == "the process ended by itself" and peer.rounds == ()
+
+
+@pytest.mark.parametrize("arguments", [["--only", "foo"], ["--batch", "4"], ["--batch", "1,3"]])
+def test_cells_that_were_not_prepared_are_misuse(tmp_path, monkeypatch, arguments):
+    monkeypatch.setattr("sys.argv", ["measure.py", str(tmp_path), *arguments])
+    with pytest.raises(SystemExit) as ended:
+        measure.main()
+    assert ended.value.code == 2
+    assert not (tmp_path / "results.jsonl").exists()
+
+
+def test_files_of_other_sources_are_written_anew(tmp_path, monkeypatch):
+    pytest.importorskip("onnx")
+    import prepare
+
+    written = []
+    monkeypatch.setattr(prepare, "NETWORKS", {"small": ("Small", every_kind)})
+    for name in ("write_ravu", "write_onnx", "write_ncnn"):
+        monkeypatch.setattr(prepare, name, lambda *_, name=name: written.append(name))
+    monkeypatch.setattr("sys.argv", ["prepare.py", str(tmp_path)])
+    prepare.main()
+    assert written.count("write_ravu") == 1
+    prepare.main()
+    assert written.count("write_ravu") == 1
+    monkeypatch.setattr(prepare, "sources", lambda: "others")
+    prepare.main()
+    assert written.count("write_ravu") == 2
 
 
 @pytest.mark.parametrize(("others", "turns"), [([0.0], 1), ([0.1, 0.1, 0.0], 3)])
