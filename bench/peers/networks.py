@@ -120,6 +120,10 @@ def vgg16() -> Graph:
     return net
 
 
+SSD300_EXTRAS = [(256, 512, 2, 1), (128, 256, 2, 1), (128, 256, 1, 0), (128, 256, 1, 0)]
+"""Behind VGG16: outputs of a 1 x 1 convolution, outputs, stride and padding of a 3 x 3 one."""
+
+
 def ssd300() -> Graph:
     """VGG16-SSD300 up to its heads: locations, and scores behind their softmax."""
     net = Graph("ssd300", 300)
@@ -133,9 +137,7 @@ def ssd300() -> Graph:
     x = net.conv(x, 1024, 3, pad=6, dilation=6)
     x = net.conv(x, 1024, 1)
     features.append(x)
-    for inner, outputs, stride, pad in [
-        (256, 512, 2, 1), (128, 256, 2, 1), (128, 256, 1, 0), (128, 256, 1, 0),
-    ]:  # fmt: skip
+    for inner, outputs, stride, pad in SSD300_EXTRAS:
         x = net.conv(net.conv(x, inner, 1), outputs, 3, stride=stride, pad=pad)
         features.append(x)
     for values, softmax in ((4, False), (CLASSES, True)):

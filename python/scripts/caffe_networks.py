@@ -1,14 +1,16 @@
-"""Caffe descriptions of networks, written from the tables of their papers, with seeded weights."""
+"""Caffe descriptions of networks, with seeded weights; the tables are bench/peers's."""
 
 from __future__ import annotations
 
+import sys
 from collections.abc import Sequence
 from pathlib import Path
 
 import numpy as np
 from ravu.convert.caffe.schema import NetParameter
 
-CLASSES = 21
+sys.path.insert(0, str(Path(__file__).parents[2] / "bench" / "peers"))
+from networks import CLASSES, INCEPTION, MOBILENET, SSD300_EXTRAS, VGG16  # noqa: E402
 
 
 class CaffeNet:
@@ -109,15 +111,6 @@ def alexnet(size: int, seed: int) -> CaffeNet:
     return net
 
 
-INCEPTION = {
-    "3a": (64, 96, 128, 16, 32, 32), "3b": (128, 128, 192, 32, 96, 64),
-    "4a": (192, 96, 208, 16, 48, 64), "4b": (160, 112, 224, 24, 64, 64),
-    "4c": (128, 128, 256, 24, 64, 64), "4d": (112, 144, 288, 32, 64, 64),
-    "4e": (256, 160, 320, 32, 128, 128), "5a": (256, 160, 320, 32, 128, 128),
-    "5b": (384, 192, 384, 48, 128, 128),
-}  # fmt: skip
-
-
 def googlenet(size: int, seed: int) -> CaffeNet:
     """With local response normalisation, as in the paper."""
     net = CaffeNet(size, seed)
@@ -198,15 +191,13 @@ def ssd_vgg16(size: int, seed: int) -> CaffeNet:
     """The detector of 300 x 300 pixels on VGG16."""
     net = CaffeNet(size, seed)
     x = "data"
-    for i, (outputs, count) in enumerate([(64, 2), (128, 2), (256, 3), (512, 3), (512, 3)], 1):
+    for i, (outputs, count) in enumerate(VGG16, 1):
         for j in range(1, count + 1):
             x = net.relu(net.conv(f"conv{i}_{j}", x, outputs, 3, pad=1))
         x = net.pool("pool5", x, 3, 1, 1) if i == 5 else net.pool(f"pool{i}", x, 2, 2)
     x = net.relu(net.conv("fc6", x, 1024, 3, pad=6, dilation=6))
     x = net.relu(net.conv("fc7", x, 1024, 1))
-    for i, (inner, outputs, stride, pad) in enumerate(
-        [(256, 512, 2, 1), (128, 256, 2, 1), (128, 256, 1, 0), (128, 256, 1, 0)], 6
-    ):
+    for i, (inner, outputs, stride, pad) in enumerate(SSD300_EXTRAS, 6):
         x = net.relu(net.conv(f"conv{i}_1", x, inner, 1))
         x = net.relu(net.conv(f"conv{i}_2", x, outputs, 3, stride=stride, pad=pad))
     net.layer(
@@ -237,9 +228,7 @@ def ssd_mobilenet(size: int, seed: int) -> CaffeNet:
     """The detector of 300 x 300 pixels on MobileNet v1, batch normalisation already folded."""
     net = CaffeNet(size, seed)
     x = net.relu(net.conv("conv0", "data", 32, 3, stride=2, pad=1))
-    widths = [(64, 1), (128, 2), (128, 1), (256, 2), (256, 1), (512, 2)]
-    widths += [(512, 1)] * 5 + [(1024, 2), (1024, 1)]
-    for i, (outputs, stride) in enumerate(widths, 1):
+    for i, (outputs, stride) in enumerate(MOBILENET, 1):
         inputs = net.channels[x]
         x = net.relu(net.conv(f"conv{i}_dw", x, inputs, 3, stride=stride, pad=1, group=inputs))
         x = net.relu(net.conv(f"conv{i}", x, outputs, 1))

@@ -65,10 +65,8 @@ def mobilenet_v1() -> nn.Module:
         ]
 
     layers: list[nn.Module] = [nn.Conv2d(3, 32, 3, 2, 1, bias=False), nn.BatchNorm2d(32), nn.ReLU()]
-    widths = [(64, 1), (128, 2), (128, 1), (256, 2), (256, 1), (512, 2)]
-    widths += [(512, 1)] * 5 + [(1024, 2), (1024, 1)]
     inputs = 32
-    for outputs, stride in widths:
+    for outputs, stride in caffe_networks.MOBILENET:
         layers += block(inputs, outputs, stride)
         inputs = outputs
     layers += [nn.AdaptiveAvgPool2d(1), nn.Flatten(), nn.Linear(1024, 1000)]
