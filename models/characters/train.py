@@ -1,8 +1,9 @@
 #!/usr/bin/python3
 """Train the character classifier and write characters.ravu.
 
-Draws its own pictures, trains on the processor for about ten minutes, writes the model file, and
-checks it: a numpy evaluation of the file that was written must agree with the trained network.
+Draws its own pictures, trains on the processor for about a quarter of an hour, writes the model
+file, and checks it: a numpy evaluation of the file that was written must agree with the trained
+network.
 Needs PyTorch, Pillow and the font packages of fonts.txt (see README.md).
 """
 

@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """Measure the engine's own mean average precision on held-out scenes, through `ravu detect --json`.
 
 Draws the scenes into a temporary folder, hands them to the program as files, and compares the boxes

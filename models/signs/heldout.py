@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """Write held-out scenes as pictures, and truth.json with the signs that are in each.
 
 Scene number i is always the same. Needs Pillow.

@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """Train the sign detector and write signs.ravu.
 
 Draws its own scenes, trains on the processor, writes the model file, and measures it: a numpy
