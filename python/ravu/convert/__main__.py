@@ -26,12 +26,15 @@ from .recipe import IMAGENET_DEVIATION, IMAGENET_MEAN
 
 UNREADABLE, REFUSED, DIFFERENT = 1, 3, 4
 WORST_PRINTED = 5
+SQUASH = "squash"
 
 
 def main(arguments: Sequence[str] | None = None) -> int:
     """Convert one file and print what was done. Returns the exit status."""
     parser = _parser()
     options = parser.parse_args(arguments)
+    if options.no_verify and (options.label_offset or options.fit != SQUASH):
+        parser.error("--label-offset and --fit are kept in the card, which --no-verify leaves out")
     try:
         if options.labels and options.output and _same_file(options.labels, options.output):
             raise SourceError(f"{options.output}: the result would replace the labels")
@@ -83,8 +86,8 @@ def _parser() -> argparse.ArgumentParser:
     )
     pixels.add_argument(
         "--fit",
-        choices=("squash", "crop", "letterbox"),
-        default="squash",
+        choices=(SQUASH, "crop", "letterbox"),
+        default=SQUASH,
         help="how pictures come to the network's size (default: squash)",
     )
     parser.add_argument("--labels", type=Path, metavar="FILE", help="names of the classes, by line")

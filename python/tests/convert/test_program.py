@@ -99,6 +99,13 @@ def test_labels_are_not_replaced_by_the_result(source, tmp_path):
     assert labels.read_text() == "cat\ndog\nbird\n"
 
 
+@pytest.mark.parametrize("option", [["--label-offset", "1"], ["--fit", "crop"]])
+def test_what_only_the_card_keeps_needs_one(source, option):
+    outcome = run("convert", source, "--no-verify", *option)
+    assert outcome.returncode == 2 and "kept in the card" in outcome.stderr
+    assert not source.with_suffix(".ravu").exists()
+
+
 def test_diff_with_a_source_is_done_in_python(source):
     assert run("convert", source).returncode == 0
     model = source.with_suffix(".ravu")
