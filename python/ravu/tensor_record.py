@@ -96,7 +96,7 @@ def quantise_values(values: np.ndarray) -> tuple[np.ndarray, np.ndarray, np.ndar
     sizes = np.minimum(BLOCK_SIZE, flat.size - BLOCK_SIZE * np.arange(blocks)).astype(np.float32)
     with np.errstate(all="ignore"):
         mean = ((smallest.astype(np.float64) + largest) * 0.5).astype(np.float32)
-        # Kept: the step divides by the number of values, not by the number of byte values.
+        # As in the engine: divided by the number of values, not by the number of byte values.
         step = (largest - smallest) / sizes
         quotient = ((padded - mean[:, None]) / step[:, None]).ravel()[: flat.size]
         fits = (quotient >= -(2.0**31)) & (quotient < 2.0**31)
@@ -108,7 +108,7 @@ def _block_ranges(blocks: np.ndarray) -> tuple[np.ndarray, np.ndarray]:
     """Largest and smallest value of each row as the format finds them, walking along the row."""
     start = np.full((len(blocks), 1), SMALLEST_NORMAL, np.float32)
     running = np.fmax.accumulate(np.hstack([start, blocks]), axis=1)
-    # Kept: a value that raises the maximum is not looked at for the minimum.
+    # As in the engine, a value that raises the maximum is not looked at for the minimum.
     considered = np.where(blocks > running[:, :-1], np.float32(np.nan), blocks)
     return running[:, -1], np.fmin.reduce(considered, axis=1, initial=LARGEST)
 
