@@ -13,8 +13,6 @@
 namespace ravu::tools {
 namespace {
 
-constexpr unsigned kInputSeed = 20240229;
-
 struct CloseFile {
   void operator()(std::FILE* file) const { std::fclose(file); }
 };
@@ -64,7 +62,7 @@ LoadReport measure_load(const BenchOptions& options) {
     seconds[1].push_back(watch.lap());
     set_up(*network, options.mode);
     seconds[2].push_back(watch.lap());
-    const auto pixels = seeded_pixels(network->input->count, kInputSeed);
+    const auto pixels = seeded_pixels(network->input->count);
     for (const std::size_t pass : {3U, 4U}) {
       feed(*network, pixels);
       watch.lap();

@@ -75,7 +75,8 @@ std::vector<Prediction> best_predictions(std::span<const float> scores,
 }
 
 bool run_classify(const ClassifyOptions& options) {
-  const PictureModel model = open_picture_model(options);
+  const InputFiles inputs(options.images, options.model);
+  const PictureModel model = open_picture_model(options, inputs);
   check_classifier(*model.network, options);
   set_up(*model.network, options.mode);
   const auto classify = [&](std::size_t i, const Picture& picture) -> Classification {

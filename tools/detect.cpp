@@ -125,14 +125,14 @@ std::vector<FoundObject> objects_of(std::span<const float> rows, std::span<char*
 }
 
 bool run_detect(const DetectOptions& options) {
-  const PictureModel model = open_picture_model(options);
+  const InputFiles inputs(options.images, options.model);
+  const PictureModel model = open_picture_model(options, inputs);
   check_detector(*model.network, options);
   set_up(*model.network, options.mode);
   std::vector<std::string> copies;
   if (!options.out.empty()) {
     make_folder(options.out);
-    copies = name_copies(options.out, options.images, InputFiles(options.images, options.model),
-                         options.sheet);
+    copies = name_copies(options.out, options.images, inputs, options.sheet);
   }
   const auto look = [&](std::size_t i, const Picture& picture) {
     ImageDetections result = detect(model, options.images[i], picture, options);

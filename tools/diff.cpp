@@ -18,7 +18,6 @@
 namespace ravu::tools {
 namespace {
 
-constexpr unsigned kInputSeed = 20240229;
 const std::vector<std::uint32_t> kDefaultModes{0};
 constexpr double kFar = std::numeric_limits<double>::infinity();
 
@@ -89,7 +88,7 @@ std::string title_of(const LayerOutput& layer) {
 
 std::vector<float> input_values(const DiffOptions& options, const ModelSource& model) {
   const auto network = open_model(model);
-  if (!has_image(options)) return seeded_pixels(network->input->count, kInputSeed);
+  if (!has_image(options)) return seeded_pixels(network->input->count);
   check_takes_pictures(*network, model.path);
   const std::string& path = options.files.back();
   const ModelCard card = read_card(model.path, root_tag(model.image.get()));

@@ -20,6 +20,8 @@
 #include <map>
 #include <new>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "bench.h"
 #include "classify.h"
@@ -251,9 +253,14 @@ bool is_diff_with_source(int argc, char** argv) {
          std::any_of(argv + 2, argv + argc, is_conversion_source);
 }
 
+// A subcommand that is written in Python: its name and description.
+using PythonCommand = std::pair<const char*, const char*>;
+
 // All arguments are passed on, --help included.
-void add_python_command(CLI::App& app, const char* name, const char* description) {
-  app.add_subcommand(name, description)->prefix_command()->set_help_flag();
+void add_python_commands(CLI::App& app, const std::vector<PythonCommand>& commands) {
+  for (const auto& [name, description] : commands) {
+    app.add_subcommand(name, description)->prefix_command()->set_help_flag();
+  }
 }
 
 }  // namespace
@@ -270,21 +277,22 @@ int main(int argc, char** argv) {
   DevicesOptions devices;
   DiffOptions diff;
   QuantiseOptions quantise;
-  std::vector<const char*> python_commands{"convert", "verify"};
+  std::vector<PythonCommand> python_commands{
+      {"convert", "Make a model of an ONNX or Caffe network"},
+      {"verify", "Repeat the check of a converted model"},
+  };
   add_classify(app, classify);
   add_detect(app, detect);
   add_inspect(app, inspect);
   add_bench(app, bench);
   add_devices(app, devices);
   if (is_diff_with_source(argc, argv)) {
-    python_commands.emplace_back("diff");
-    add_python_command(app, "diff", "Compare a converted model with its source");
+    python_commands.emplace_back("diff", "Compare a converted model with its source");
   } else {
     add_diff(app, diff);
   }
   add_quantise(app, quantise);
-  add_python_command(app, "convert", "Make a model of an ONNX or Caffe network");
-  add_python_command(app, "verify", "Repeat the check of a converted model");
+  add_python_commands(app, python_commands);
   try {
     app.parse(argc, argv);
     if (bench.layers && bench.mode != 0 && bench.mode != 3) {
@@ -298,7 +306,7 @@ int main(int argc, char** argv) {
   try {
     if (app.got_subcommand("classify")) return run_classify(classify) ? 0 : kFailed;
     if (app.got_subcommand("detect")) return run_detect(detect) ? 0 : kFailed;
-    for (const char* name : python_commands) {
+    for (const auto& [name, description] : python_commands) {
       if (!app.got_subcommand(name)) continue;
       return run_python_command(name, app.get_subcommand(name)->remaining());
     }

@@ -28,6 +28,8 @@ TEST(Program, HelpGoesToStandardOutput) {
     EXPECT_THAT(outcome.out, HasSubstr(name));
     EXPECT_EQ(run_ravu({name, "--help"}).code, 0);
   }
+  EXPECT_THAT(outcome.out, HasSubstr("convert"));  // their own help is Python's
+  EXPECT_THAT(outcome.out, HasSubstr("verify"));
   EXPECT_THAT(outcome.err, IsEmpty());
 }
 

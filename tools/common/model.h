@@ -13,6 +13,9 @@
 
 namespace ravu::tools {
 
+// What every measurement and comparison feeds the network with, unless it is told otherwise.
+inline constexpr unsigned kInputSeed = 20240229;
+
 // Loads a model file. While it loads, the engine's notices go to standard error, since standard
 // output holds results only. Throws Failure with the path and the first reason.
 std::unique_ptr<Network> open_model(const std::string& path, bool channel_mean,
@@ -42,7 +45,7 @@ std::uint32_t threads_in_use();
 void set_up(Network& network, std::uint32_t mode);
 
 // Values like an image's pixels, whole numbers from 0 to 255; the same for the same seed.
-std::vector<float> seeded_pixels(std::size_t n, unsigned seed);
+std::vector<float> seeded_pixels(std::size_t n, unsigned seed = kInputSeed);
 
 // Copies one whole batch of interleaved values into the input.
 void feed(Network& network, const std::vector<float>& values);

@@ -1,14 +1,13 @@
 // The image of the model file is gone before the network runs: it is as large as the weights.
 #include "common/picture_run.h"
 
-#include "common/input_files.h"
 #include "common/model.h"
 #include "common/model_card.h"
 
 namespace ravu::tools {
 
-PictureModel open_picture_model(const PictureOptions& options) {
-  InputFiles(options.images, options.model).check_output(options.sheet);
+PictureModel open_picture_model(const PictureOptions& options, const InputFiles& inputs) {
+  inputs.check_output(options.sheet);
   set_threads(options.threads);
   const FileImage file = read_model_file(options.model);
   const Tag root = root_tag(file.get());

@@ -9,6 +9,7 @@
 
 #include "common/contact_sheet.h"
 #include "common/image_file.h"
+#include "common/input_files.h"
 #include "common/picture_input.h"
 #include "common/printing.h"
 #include "graph/ravuGraph.h"
@@ -33,8 +34,9 @@ struct PictureModel {
 };
 
 // Loads the model, sets the number of threads, and obeys the model's card. Nothing is set up yet.
-// Throws Failure, also when the sheet would replace a file that is read.
-PictureModel open_picture_model(const PictureOptions& options);
+// Throws Failure, also when the sheet would replace a file that is read: one of `inputs`, which are
+// those of the options.
+PictureModel open_picture_model(const PictureOptions& options, const InputFiles& inputs);
 
 // Runs the picture through the network, which is set up for the mode.
 void show(const PictureModel& model, const Picture& picture, std::uint32_t mode);
