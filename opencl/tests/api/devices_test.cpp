@@ -3,12 +3,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "support/Graph.h"
+#include "support/StandIn.h"
 
 namespace ravu::opencl::test {
 namespace {
@@ -49,6 +51,20 @@ TEST(Devices, OneIsChosenAndSaysWhatItIs) {
     EXPECT_GT(device.compute_units, 0U);
   }
   EXPECT_EQ(chosen, 1U);
+}
+
+TEST(Devices, AGpuComesBeforeAnAcceleratorBeforeAProcessor) {
+  devices_are_tripled = true;
+  const std::vector<Listed> devices = listed_devices();
+  devices_are_tripled = false;
+  ASSERT_GE(devices.size(), 3U);
+  const std::vector<std::string> kinds{"processor", "accelerator", "GPU"};
+  std::size_t first_gpu = devices.size();
+  for (std::size_t i = 0; i < devices.size(); ++i) {
+    EXPECT_EQ(devices[i].kind, kinds[i % 3]);
+    if (i % 3 == 2 && devices[i].refused.empty()) first_gpu = std::min(first_gpu, i);
+  }
+  for (std::size_t i = 0; i < devices.size(); ++i) EXPECT_EQ(devices[i].chosen, i == first_gpu);
 }
 
 TEST(Devices, AListWithoutAVisitorIsRefused) {

@@ -121,6 +121,26 @@ TEST(Convolution, DepthwiseAgreesWithTheNaiveOneOnRandomShapes) {
   }
 }
 
+// Wide enough that whole runs of pixels and lanes lie inside the image.
+TEST(Convolution, DepthwiseRunsInsideTheImageAgreeWithTheNaiveOne) {
+  for (int stride : {1, 2}) {
+    for (int dilation : {1, 2}) {
+      expect_convolution({.in = {1, 35, 4, 21},
+                          .outputs = 35,
+                          .kernel_x = 3,
+                          .kernel_y = 3,
+                          .stride_x = stride,
+                          .stride_y = stride,
+                          .pad_x = 1,
+                          .pad_y = 1,
+                          .dilation_x = dilation,
+                          .dilation_y = dilation,
+                          .split = 35},
+                         1, CLDNN_FORMAT_YXFB, true, shared_engine());
+    }
+  }
+}
+
 // Enough pixels for a work item to go through several panels of weights, the last one not full.
 TEST(Convolution, SeveralPanelsPerWorkItemAgreeWithTheNaiveOne) {
   for (int split : {1, 2}) {
