@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <thread>
+#include <vector>
 
 #include "support/Graph.h"
 #include "support/reference.h"
@@ -159,6 +161,71 @@ TEST(SetInput, CopiesTheMemoryOfAnotherEngine) {
   EXPECT_EQ(status, CLDNN_SUCCESS);
   cldnn_release_memory(memory, nullptr);
   EXPECT_EQ(graph.run_again("out").data, (std::vector<float>{3, -4}));
+}
+
+TEST(Data, OfAnotherEngineIsCopied) {
+  cldnn_status status = CLDNN_SUCCESS;
+  cldnn_engine other = cldnn_create_engine(CLDNN_ENGINE_OPENCL, 0, nullptr, &status);
+  Graph graph;
+  graph.input("in", along_x({3, -4}));
+  auto constant = graph.describe<cldnn_data_desc>(cldnn_data_type_id, "more", {});
+  constant.memory = upload(other, along_x({10, 20}), CLDNN_FORMAT_YXFB);
+  cldnn_release_engine(other, nullptr);
+  graph.add(constant.header);
+  cldnn_release_memory(constant.memory, nullptr);
+  auto sum = graph.describe<cldnn_eltwise_desc>(cldnn_eltwise_type_id, "out", {"in"});
+  sum.second_input = "more";
+  graph.add(sum.header);
+  EXPECT_EQ(graph.result("out").data, (std::vector<float>{13, 16}));
+}
+
+TEST(Data, ThatIsLockedIsRefusedWhenTheNetworkIsAllocated) {
+  Graph graph;
+  auto constant = graph.describe<cldnn_data_desc>(cldnn_data_type_id, "data", {});
+  constant.memory = upload(graph.engine(), along_x({10, -20}), CLDNN_FORMAT_YXFB);
+  graph.add(constant.header);
+  graph.add(rectified(graph, "out", "data").header);
+  cldnn_lock_memory(constant.memory, nullptr);
+  EXPECT_EQ(graph.run(), Stage::kAllocate);
+  EXPECT_EQ(graph.text(), "data: its memory is locked");
+  cldnn_release_memory(constant.memory, nullptr);
+}
+
+TEST(Execute, WaitsForEventsOfAnotherEngine) {
+  cldnn_status status = CLDNN_SUCCESS;
+  cldnn_engine other = cldnn_create_engine(CLDNN_ENGINE_OPENCL, 0, nullptr, &status);
+  {
+    Graph first(other);
+    first.input("in", along_x({1, -1}));
+    first.add(rectified(first, "out", "in").header);
+    first.result("out");
+    const cldnn_network_output output = cldnn_get_network_output(first.network(), "out", &status);
+    Graph graph;
+    graph.input("in", along_x({1, -1}));
+    graph.add(rectified(graph, "out", "in").header);
+    graph.result("out");
+    cldnn_event events[] = {output.event};
+    cldnn_execute_network(graph.network(), events, 1, &status);
+    EXPECT_EQ(status, CLDNN_SUCCESS) << cldnn_get_last_error_message();
+    cldnn_release_event(output.event, nullptr);
+    cldnn_release_memory(output.memory, nullptr);
+  }
+  cldnn_release_engine(other, nullptr);
+}
+
+TEST(Allocate, SeveralNetworksOfOneEngineAtOnceShareItsKernels) {
+  cldnn_engine engine = cldnn_create_engine(CLDNN_ENGINE_OPENCL, 0, nullptr, nullptr);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([engine] {
+      Graph graph(engine);
+      graph.input("in", along_x({1, -1}));
+      graph.add(rectified(graph, "out", "in").header);
+      EXPECT_EQ(graph.result("out").data, (std::vector<float>{1, 0}));
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  cldnn_release_engine(engine, nullptr);
 }
 
 TEST(Execute, RefusesALockedMemory) {
