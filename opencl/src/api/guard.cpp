@@ -6,14 +6,14 @@ namespace ravu::opencl {
 namespace {
 
 std::string& kept_text() {
-  static thread_local std::string text = "no error has occurred";
+  static thread_local std::string text;  // empty: nothing that could fail is done to make it
   return text;
 }
 
 }  // namespace
 
-const char* last_error() {
-  return kept_text().c_str();
+const char* last_error() noexcept {
+  return kept_text().empty() ? "no error has occurred" : kept_text().c_str();
 }
 
 void keep_error(const char* text) noexcept {

@@ -10,7 +10,7 @@
 
 namespace ravu::opencl {
 
-const char* last_error();
+const char* last_error() noexcept;
 void keep_error(const char* text) noexcept;
 
 template <typename Function>
