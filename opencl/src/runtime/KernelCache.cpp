@@ -14,7 +14,12 @@
 
 namespace ravu::opencl {
 
+namespace fs = std::filesystem;
+
 namespace {
+
+// No kernel comes near: a larger entry is damaged, and would be read into memory first.
+constexpr uint64_t kMostBytes = 64u << 20;
 
 constexpr std::array<char, 8> kMark = {'r', 'a', 'v', 'u', 'c', 'l', '0', '1'};
 
@@ -44,24 +49,46 @@ std::string temporary_suffix() {
   return text;
 }
 
+// Binaries are run: what others could have put there is left alone, and so is a pipe, which would
+// be waited for.
+bool is_trustworthy(const fs::path& entry) {
+  std::error_code error;
+  const fs::file_status status = fs::status(entry, error);
+  if (error || !fs::is_regular_file(status)) return false;
+#ifdef _WIN32
+  return true;  // the user's folder has a list of its own of who may write
+#else
+  return (status.permissions() & (fs::perms::group_write | fs::perms::others_write)) ==
+         fs::perms::none;
+#endif
+}
+
+// Only the user's own: its files are run.
+void create_private_folder(const fs::path& folder) {
+  std::error_code ignored;
+  if (fs::create_directories(folder, ignored)) {
+    fs::permissions(folder, fs::perms::owner_all, ignored);
+  }
+}
+
 }  // namespace
 
-std::filesystem::path KernelCache::users_folder() {
+fs::path KernelCache::users_folder() {
   const auto variable = [](const char* name) {
     const char* value = std::getenv(name);
-    return std::filesystem::path(value == nullptr ? "" : value);
+    return fs::path(value == nullptr ? "" : value);
   };
 #ifdef _WIN32
-  std::filesystem::path base = variable("LOCALAPPDATA");
+  fs::path base = variable("LOCALAPPDATA");
 #else
-  std::filesystem::path base = variable("XDG_CACHE_HOME");
+  fs::path base = variable("XDG_CACHE_HOME");
   if (!base.is_absolute()) base = variable("HOME") / ".cache";
 #endif
   if (!base.is_absolute()) return {};
   return base / "ravu" / "opencl";
 }
 
-std::filesystem::path KernelCache::entry(const std::string& key) const {
+fs::path KernelCache::entry(const std::string& key) const {
   char name[32];
   std::snprintf(name, sizeof(name), "%016llx.bin",
                 static_cast<unsigned long long>(hash_of(key.data(), key.size())));
@@ -69,7 +96,7 @@ std::filesystem::path KernelCache::entry(const std::string& key) const {
 }
 
 std::optional<std::vector<unsigned char>> KernelCache::load(const std::string& key) const {
-  if (folder_.empty()) return std::nullopt;
+  if (folder_.empty() || !is_trustworthy(entry(key))) return std::nullopt;
   std::ifstream file(entry(key), std::ios::binary | std::ios::ate);
   if (!file) return std::nullopt;
   const auto file_size = static_cast<uint64_t>(file.tellg());
@@ -77,7 +104,7 @@ std::optional<std::vector<unsigned char>> KernelCache::load(const std::string& k
   EntryHeader header;
   if (!file.read(reinterpret_cast<char*>(&header), sizeof(header))) return std::nullopt;
   if (header.mark != kMark || header.key_size != key.size()) return std::nullopt;
-  if (header.binary_size > file_size ||
+  if (header.binary_size > kMostBytes ||
       file_size != sizeof(header) + header.key_size + header.binary_size) {
     return std::nullopt;
   }
@@ -91,10 +118,17 @@ std::optional<std::vector<unsigned char>> KernelCache::load(const std::string& k
 
 void KernelCache::store(const std::string& key, const std::vector<unsigned char>& binary) const {
   if (folder_.empty()) return;
+  try {
+    replace(key, binary);
+  } catch (const std::exception&) {  // no memory or no random numbers: the kernel is there already
+  }
+}
+
+void KernelCache::replace(const std::string& key, const std::vector<unsigned char>& binary) const {
+  create_private_folder(folder_);
   std::error_code ignored;
-  std::filesystem::create_directories(folder_, ignored);
-  const std::filesystem::path wanted = entry(key);
-  std::filesystem::path temporary = wanted;
+  const fs::path wanted = entry(key);
+  fs::path temporary = wanted;
   temporary += temporary_suffix();
   bool written = false;
   {
@@ -110,8 +144,12 @@ void KernelCache::store(const std::string& key, const std::vector<unsigned char>
     file.close();
     written = file.good();
   }
-  if (written) std::filesystem::rename(temporary, wanted, ignored);
-  if (!written || ignored) std::filesystem::remove(temporary, ignored);
+  if (written) {
+    // Whatever the process lets others do with its files.
+    fs::permissions(temporary, fs::perms::owner_read | fs::perms::owner_write, ignored);
+    fs::rename(temporary, wanted, ignored);
+  }
+  if (!written || ignored) fs::remove(temporary, ignored);
 }
 
 }  // namespace ravu::opencl

@@ -18,15 +18,19 @@ class KernelCache {
   // %LOCALAPPDATA%. Empty where none of them is set.
   static std::filesystem::path users_folder();
 
-  // The binary stored under a key, unless it is missing, damaged or another key's.
+  // The binary stored under a key, unless it is missing, damaged, another key's or others than the
+  // user may have written it.
   std::optional<std::vector<unsigned char>> load(const std::string& key) const;
   // Replaces the entry in one step, so that readers and other writers never see half of it.
-  // Failures are silent: the next process compiles again.
+  // The folder, where it has to be made, and the entry are the user's alone. Failures are silent:
+  // the next process compiles again.
   void store(const std::string& key, const std::vector<unsigned char>& binary) const;
 
   std::filesystem::path entry(const std::string& key) const;
 
  private:
+  void replace(const std::string& key, const std::vector<unsigned char>& binary) const;
+
   std::filesystem::path folder_;
 };
 

@@ -27,8 +27,8 @@ std::string compile_options(const Device& device) {
 
 std::string cache_key(const Device& device, const std::string& options, const std::string& source) {
   std::string key;
-  for (const std::string& part :
-       {device.name, device.vendor, device.driver, device.platform_version, options, source}) {
+  for (const std::string& part : {device.name, device.vendor, device.version, device.driver,
+                                  device.platform_version, options, source}) {
     key += part;
     key += '\n';
   }

@@ -1,8 +1,11 @@
 // Compiled kernels in the user's cache folder: written, used, replaced when they are damaged.
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -102,6 +105,51 @@ TEST_F(KernelCacheTest, DamagedEntriesAreIgnoredAndReplaced) {
     EXPECT_EQ(content(entry).size(), good.size());
     EXPECT_NE(content(entry), damaged);
   }
+}
+
+// Read as it says, it would not fit into memory.
+TEST_F(KernelCacheTest, AnEntryThatIsFarTooLargeIsNotReadIntoMemory) {
+  compute();
+  const fs::path entry = entries().at(0);
+  const std::string good = content(entry);
+  std::uint64_t key_size = 0;
+  std::memcpy(&key_size, good.data() + 8, sizeof(key_size));
+  const std::uint64_t binary_size = std::uint64_t{1} << 40;
+  std::string damaged = good.substr(0, 32);
+  std::memcpy(damaged.data() + 16, &binary_size, sizeof(binary_size));
+  replace(entry, damaged);
+  fs::resize_file(entry, 32 + key_size + binary_size);
+  EXPECT_EQ(compute(), expected_);
+  EXPECT_EQ(content(entry).size(), good.size());
+}
+
+TEST_F(KernelCacheTest, FolderAndEntriesAreTheUsersAloneWhateverTheProcessAllows) {
+  const mode_t before = umask(0);
+  EXPECT_EQ(compute(), expected_);
+  umask(before);
+  const fs::perms others = fs::perms::group_all | fs::perms::others_all;
+  EXPECT_EQ(fs::status(folder()).permissions() & others, fs::perms::none);
+  EXPECT_EQ(fs::status(entries().at(0)).permissions() & others, fs::perms::none);
+}
+
+TEST_F(KernelCacheTest, EntriesThatOthersMayWriteAreIgnoredAndReplaced) {
+  compute();
+  const fs::path entry = entries().at(0);
+  for (const fs::perms writer : {fs::perms::group_write, fs::perms::others_write}) {
+    fs::permissions(entry, writer, fs::perm_options::add);
+    EXPECT_EQ(compute(), expected_);
+    EXPECT_EQ(fs::status(entry).permissions() & writer, fs::perms::none);
+  }
+}
+
+// A pipe that nobody writes to would be waited for.
+TEST_F(KernelCacheTest, WhatIsNoFileIsIgnoredAndReplaced) {
+  compute();
+  const fs::path entry = entries().at(0);
+  fs::remove(entry);
+  ASSERT_EQ(mkfifo(entry.c_str(), 0600), 0);
+  EXPECT_EQ(compute(), expected_);
+  EXPECT_TRUE(fs::is_regular_file(entry));
 }
 
 TEST_F(KernelCacheTest, SeveralWritersAtOnceLeaveOneWholeEntry) {
