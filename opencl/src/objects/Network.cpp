@@ -15,7 +15,12 @@ Ref<Memory> brought_to(Engine* engine, Memory* memory) {
   if (memory->engine.get() == engine) return Ref<Memory>::share(memory);
   Ref<Memory> copy = Ref<Memory>::adopt(new Memory(engine, memory->layout));
   const void* from = memory->lock();
-  engine->queue.write(copy->buffer, from, copy->buffer->bytes);
+  try {
+    engine->queue.write(copy->buffer, from, copy->buffer->bytes);
+  } catch (...) {
+    memory->unlock();
+    throw;
+  }
   memory->unlock();
   return copy;
 }
