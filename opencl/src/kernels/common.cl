@@ -1,5 +1,9 @@
 // Stands in front of every kernel file. LANES, a compile option, is the number of neighbouring
-// values that one work item handles: a vector register on processors.
+// values that one work item handles: a vector register on processors. MULTIPLY_ADD, another one, is
+// fma where the device has it in hardware, else mad: fma would be a long routine there.
+
+// Rounding is the same on all devices but where MULTIPLY_ADD asks for less.
+#pragma OPENCL FP_CONTRACT OFF
 
 #define JOIN_TEXT(a, b) a##b
 #define JOIN(a, b) JOIN_TEXT(a, b)

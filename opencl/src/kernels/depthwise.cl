@@ -23,7 +23,7 @@ void inner_pixels(__global const float* in, __global const float* weights,
     __global const float* taps = weights + ky * window.s0 * depth;
     for (int kx = 0; kx < window.s0; ++kx) {
       const lanes tap = LOAD(taps);
-#define TAKE_TAP(i) sum##i = fma(LOAD(values + i * apart), tap, sum##i);
+#define TAKE_TAP(i) sum##i = MULTIPLY_ADD(LOAD(values + i * apart), tap, sum##i);
       EACH_PIXEL(TAKE_TAP)
       values += window.s6 * depth;
       taps += depth;
@@ -44,7 +44,8 @@ float one_value(__global const float* in, __global const float* weights, float s
     for (int kx = 0; kx < window.s0; ++kx) {
       const int x = x0 + kx * window.s6;
       if (x < 0 || x >= image.x) continue;
-      sum = fma(in[(y * image.x + x) * image.z], weights[(ky * window.s0 + kx) * image.z], sum);
+      sum = MULTIPLY_ADD(in[(y * image.x + x) * image.z],
+                         weights[(ky * window.s0 + kx) * image.z], sum);
     }
   }
   return sum;
@@ -58,8 +59,8 @@ lanes whole_lanes(__global const float* in, __global const float* weights, lanes
     for (int kx = 0; kx < window.s0; ++kx) {
       const int x = x0 + kx * window.s6;
       if (x < 0 || x >= image.x) continue;
-      sum = fma(LOAD(in + (y * image.x + x) * image.z),
-                LOAD(weights + (ky * window.s0 + kx) * image.z), sum);
+      sum = MULTIPLY_ADD(LOAD(in + (y * image.x + x) * image.z),
+                         LOAD(weights + (ky * window.s0 + kx) * image.z), sum);
     }
   }
   return sum;

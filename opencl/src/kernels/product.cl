@@ -106,13 +106,13 @@ __kernel void product_registers(__global const float* in, __global const float* 
           const lanes low = LOAD(weight);
           const lanes high = LOAD(weight + LANES);
           weight += PANEL;
-#define MULTIPLY_ADD(i)                      \
-  {                                          \
-    const lanes value = values##i[f * step]; \
-    low##i = fma(value, low, low##i);        \
-    high##i = fma(value, high, high##i);     \
+#define TAKE_TERM(i)                              \
+  {                                               \
+    const lanes value = values##i[f * step];      \
+    low##i = MULTIPLY_ADD(value, low, low##i);    \
+    high##i = MULTIPLY_ADD(value, high, high##i); \
   }
-          EACH_PIXEL(MULTIPLY_ADD)
+          EACH_PIXEL(TAKE_TERM)
         }
       }
     }

@@ -88,6 +88,7 @@ Device describe(cl_platform_id platform, cl_device_id id) {
   device.memory = number_of<cl_ulong>(id, CL_DEVICE_GLOBAL_MEM_SIZE);
   device.compute_units = number_of<cl_uint>(id, CL_DEVICE_MAX_COMPUTE_UNITS);
   device.largest_buffer =
+  device.fuses = (number_of<cl_device_fp_config>(id, CL_DEVICE_SINGLE_FP_CONFIG) & CL_FP_FMA) != 0;
       static_cast<size_t>(number_of<cl_ulong>(id, CL_DEVICE_MAX_MEM_ALLOC_SIZE));
   device.shares_memory = number_of<cl_bool>(id, CL_DEVICE_HOST_UNIFIED_MEMORY) != CL_FALSE;
   device.native_floats =

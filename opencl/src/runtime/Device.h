@@ -27,6 +27,7 @@ struct Device {
   int native_floats = 1;       // floats in one of its vectors
 
   bool is_processor() const { return (type & CL_DEVICE_TYPE_CPU) != 0; }
+  bool fuses = false;          // a multiplication and an addition in hardware
 };
 
 // Every device of every platform, in OpenCL's order. Usable are GPUs, accelerators and processors

@@ -22,7 +22,8 @@ int lanes_of(const Device& device) {
 }
 
 std::string compile_options(const Device& device) {
-  return "-cl-std=CL1.2 -DLANES=" + std::to_string(lanes_of(device));
+  return "-cl-std=CL1.2 -DLANES=" + std::to_string(lanes_of(device)) +
+         " -DMULTIPLY_ADD=" + (device.fuses ? "fma" : "mad");
 }
 
 std::string cache_key(const Device& device, const std::string& options, const std::string& source) {
