@@ -1,6 +1,7 @@
 // There is one engine type and one engine number; which device stands behind it is choose_device's.
 #include "objects/Engine.h"
 
+#include <string>
 #include <string_view>
 
 #include "runtime/Error.h"
@@ -24,6 +25,11 @@ Device checked_device(int32_t type, uint32_t number,
   return choose_device();
 }
 
+// What product_local asks for: its work-groups of 16 x 16, and less than this memory.
+bool takes_tiles(const Device& device) {
+  return device.largest_group >= 256 && device.local_memory >= 16 * 1024;
+}
+
 }  // namespace
 
 cldnn_engine_impl::cldnn_engine_impl(int32_t type, uint32_t number,
@@ -32,5 +38,5 @@ cldnn_engine_impl::cldnn_engine_impl(int32_t type, uint32_t number,
       local_tiles(!queue.device().is_processor()) {
   const std::string_view chosen = configuration == nullptr ? "" : configuration->single_kernel_name;
   if (chosen == "product_local") local_tiles = true;
-  if (chosen == "product_registers") local_tiles = false;
+  if (chosen == "product_registers" || !takes_tiles(queue.device())) local_tiles = false;
 }

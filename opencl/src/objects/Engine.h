@@ -1,8 +1,6 @@
 // An engine: a device and its queue, and how convolutions are to run on it.
 #pragma once
 
-#include <string>
-
 #include "cldnn/cldnn.h"
 #include "objects/Counted.h"
 #include "runtime/Queue.h"
@@ -13,7 +11,8 @@ struct cldnn_engine_impl final : ravu::opencl::Counted {
 
   ravu::opencl::Queue queue;
   // Products with tiles in local memory (GPUs) or in registers (processors). The configuration's
-  // single kernel name "product_local" or "product_registers" chooses against the device's nature.
+  // single kernel name "product_local" or "product_registers" chooses against the device's nature;
+  // registers it is where a device has too little for tiles.
   bool local_tiles = false;
 };
 

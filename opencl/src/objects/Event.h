@@ -7,7 +7,7 @@
 
 struct cldnn_event_impl final : ravu::opencl::Counted {
   // Null: something that is over already.
-  explicit cldnn_event_impl(cl_event shared);
+  explicit cldnn_event_impl(cl_event shared) : event(ravu::opencl::share(shared)) {}
 
   ravu::opencl::EventHandle event;
 };

@@ -25,11 +25,14 @@ Ref<Memory> brought_to(Engine* engine, Memory* memory) {
   return copy;
 }
 
-}  // namespace
-
-cldnn_event_impl::cldnn_event_impl(cl_event shared) : event(shared) {
-  if (shared != nullptr) clRetainEvent(shared);
+bool names_any(const Launch& launch, const std::set<const Slot*>& slots) {
+  return std::any_of(launch.arguments.begin(), launch.arguments.end(), [&](const Argument& one) {
+    const auto* slot = std::get_if<const Slot*>(&one);
+    return slot != nullptr && slots.count(*slot) != 0;
+  });
 }
+
+}  // namespace
 
 cldnn_network_impl::cldnn_network_impl(Program* of_program)
     : program(Ref<Program>::share(of_program)) {
@@ -40,6 +43,10 @@ cldnn_network_impl::cldnn_network_impl(Program* of_program)
     allocate(node);
   }
   for (size_t place = 0; place < nodes_.size(); ++place) plan(place);
+  for (const Node& node : nodes_) {
+    if (node.recipe.host) last_launch_ = nullptr;  // it waits for everything before
+    if (!node.recipe.launches.empty()) last_launch_ = &node.recipe.launches.back();
+  }
 }
 
 void cldnn_network_impl::check_shapes() const {
@@ -95,6 +102,7 @@ void cldnn_network_impl::plan(size_t place) {
   Plan plan(*program->engine, std::move(inputs), operand(before), std::move(followers),
             nodes_[before].recipe);
   built.primitive->plan(plan);
+  nodes_[before].recipe.temporary.clear();
 }
 
 void cldnn_network_impl::set_input(const std::string& id, Memory* memory) {
@@ -108,7 +116,7 @@ void cldnn_network_impl::set_input(const std::string& id, Memory* memory) {
   }
   node->memory = brought_to(program->engine.get(), memory);
   node->slot = node->memory->buffer;
-  is_bound_ = false;
+  changed_.insert(&node->slot);
 }
 
 void cldnn_network_impl::rebind() {
@@ -116,14 +124,18 @@ void cldnn_network_impl::rebind() {
     if (node.built->primitive->is_view()) {
       const Slot& viewed = nodes_[node.built->inputs[0]].slot;
       if (node.slot != viewed) {
+        changed_.insert(&node.slot);
         node.memory = Ref<Memory>::adopt(
             new Memory(program->engine.get(), layout_of(node.built->tensor), viewed));
         node.slot = viewed;
       }
     }
-    for (const Launch& launch : node.recipe.launches) program->engine->queue.bind(launch);
+    for (const Launch& launch : node.recipe.launches) {
+      if (!was_bound_ || names_any(launch, changed_)) program->engine->queue.bind(launch);
+    }
   }
-  is_bound_ = true;
+  changed_.clear();
+  was_bound_ = true;
 }
 
 void cldnn_network_impl::execute() {
@@ -134,14 +146,13 @@ void cldnn_network_impl::execute() {
     }
     if (node.memory && node.memory->is_locked()) refuse("the memory of \"" + id + "\" is locked");
   }
-  if (!is_bound_) rebind();
+  if (!was_bound_ || !changed_.empty()) rebind();
   Queue& queue = program->engine->queue;
   for (const Node& node : nodes_) {
-    for (const Launch& launch : node.recipe.launches) queue.run(launch, &last_);
-    if (node.recipe.host) {
-      node.recipe.host(queue);
-      last_.reset();  // it has waited for everything before
+    for (const Launch& launch : node.recipe.launches) {
+      queue.run(launch, &launch == last_launch_ ? &last_ : nullptr);
     }
+    if (node.recipe.host) node.recipe.host(queue);
   }
   queue.flush();
   was_executed_ = true;

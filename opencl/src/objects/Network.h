@@ -2,6 +2,7 @@
 #pragma once
 
 #include <deque>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -42,11 +43,13 @@ struct cldnn_network_impl final : ravu::opencl::Counted {
   const Node* find(const std::string& id) const;
   ravu::opencl::Operand operand(size_t place) const;
   ravu::opencl::Follower follower(size_t place, size_t before) const;
-  // Views of inputs follow them, and kernels get the buffers of the moment.
+  // Views of inputs follow them, and kernels that read either get the buffers of the moment.
   void rebind();
 
   std::deque<Node> nodes_;  // launches keep addresses of slots
-  bool is_bound_ = false;
+  bool was_bound_ = false;
+  std::set<const ravu::opencl::Slot*> changed_;        // since kernels were bound
+  const ravu::opencl::Launch* last_launch_ = nullptr;  // null: nothing is left to wait for
   bool was_executed_ = false;
   ravu::opencl::EventHandle last_;
 };

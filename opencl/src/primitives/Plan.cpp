@@ -1,6 +1,8 @@
-// Work-groups have one of three shapes, so that devices which compile a kernel per shape (PoCL) do
-// it at most three times.
+// On processors work-groups have one of three shapes, so that devices which compile a kernel per
+// shape (PoCL) do it at most three times.
 #include "primitives/Plan.h"
+
+#include <algorithm>
 
 #include "runtime/Error.h"
 
@@ -12,11 +14,24 @@ namespace {
 constexpr size_t kGroup = 64;
 constexpr size_t kProcessorGroup = 16;
 
+size_t items_of(Work work) {
+  return static_cast<size_t>(work.x * work.y * work.z);
+}
+
 size_t rounded_up(int64_t count, size_t group) {
   return static_cast<size_t>(blocks(count, static_cast<int64_t>(group))) * group;
 }
 
-std::array<size_t, 3> group_of(Work work, size_t group) {
+// Neighbours along x first, as they share memory, and no item more than there is work for.
+std::array<size_t, 3> filled_group(Work work, size_t group) {
+  size_t x = 1;
+  while (2 * x <= group && static_cast<int64_t>(x) < work.x) x *= 2;
+  size_t y = 1;
+  while (2 * x * y <= group && static_cast<int64_t>(y) < work.y) y *= 2;
+  return {x, y, 1};
+}
+
+std::array<size_t, 3> processor_group(Work work, size_t group) {
   // Along a dimension with fewer items, most of a group would idle.
   const auto worthwhile = static_cast<int64_t>(group) / 4;
   if (work.x >= worthwhile) return {group, 1, 1};
@@ -39,29 +54,56 @@ const Slot* Plan::scratch(int64_t count) {
   return &recipe_.scratch.back();
 }
 
+const Slot* Plan::temporary(int64_t count) {
+  recipe_.temporary.push_back(engine_.queue.allocate(count, sizeof(float)));
+  return &recipe_.temporary.back();
+}
+
+const Slot* Plan::keep(const Slot* slot) {
+  recipe_.scratch.push_back(*slot);
+  return &recipe_.scratch.back();
+}
+
 const Slot* Plan::constants(std::span<const float> values) {
   const Slot* slot = scratch(std::max<int64_t>(1, static_cast<int64_t>(values.size())));
   if (!values.empty()) engine_.queue.write(*slot, values.data(), values.size_bytes());
   return slot;
 }
 
-Launch Plan::launch(KernelName name, std::vector<Argument> arguments, Work work) {
+Launch Plan::launch(KernelName name, std::vector<Argument> arguments) {
   Launch launch;
   launch.kernel = engine_.queue.kernel(name);
   launch.arguments = std::move(arguments);
-  launch.local = group_of(work, engine_.queue.device().is_processor() ? kProcessorGroup : kGroup);
-  launch.global = {rounded_up(work.x, launch.local[0]), rounded_up(work.y, launch.local[1]),
-                   rounded_up(work.z, launch.local[2])};
   return launch;
+}
+
+Launch Plan::launch(KernelName name, std::vector<Argument> arguments, Work work) {
+  Launch made = launch(name, std::move(arguments));
+  const size_t most = engine_.queue.largest_group(made.kernel);
+  made.local = engine_.queue.device().is_processor()
+                   ? processor_group(work, std::min(kProcessorGroup, most))
+                   : filled_group(work, std::min(kGroup, most));
+  made.global = {rounded_up(work.x, made.local[0]), rounded_up(work.y, made.local[1]),
+                 rounded_up(work.z, made.local[2])};
+  return made;
 }
 
 void Plan::run(KernelName name, std::vector<Argument> arguments, Work work) {
   recipe_.launches.push_back(launch(name, std::move(arguments), work));
 }
 
+bool Plan::takes_group(KernelName name, Work group) {
+  return items_of(group) <= engine_.queue.largest_group(engine_.queue.kernel(name));
+}
+
 void Plan::run_in_groups(KernelName name, std::vector<Argument> arguments, Work groups,
                          Work group) {
-  Launch made = launch(name, std::move(arguments), groups);
+  Launch made = launch(name, std::move(arguments));
+  const size_t most = engine_.queue.largest_group(made.kernel);
+  if (items_of(group) > most) {
+    refuse(std::string(name.function) + " needs work-groups of " + std::to_string(items_of(group)) +
+           " items, " + engine_.queue.device().name + " runs " + std::to_string(most));
+  }
   made.local = {static_cast<size_t>(group.x), static_cast<size_t>(group.y),
                 static_cast<size_t>(group.z)};
   made.global = {static_cast<size_t>(groups.x) * made.local[0],

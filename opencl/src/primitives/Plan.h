@@ -38,6 +38,7 @@ struct Recipe {
   std::vector<Launch> launches;
   std::function<void(Queue&)> host;  // instead of launches
   std::deque<Slot> scratch;
+  std::deque<Slot> temporary;  // until the plan is made
 };
 
 class Plan {
@@ -53,17 +54,24 @@ class Plan {
 
   // Zeroed memory that lives as long as the network.
   const Slot* scratch(int64_t count);
+  // The same for what `prepare` alone reads and writes: it goes when the plan is made, unless it is
+  // kept for the launches after all.
+  const Slot* temporary(int64_t count);
+  const Slot* keep(const Slot* slot);
   const Slot* constants(std::span<const float> values);
 
   // One enqueue of each execution.
   void run(KernelName name, std::vector<Argument> arguments, Work work);
-  // With work-groups of the kernel's own size, which the work is a multiple of.
+  // With work-groups of the kernel's own size, which the work is a multiple of. Refuses groups that
+  // the device cannot run.
+  bool takes_group(KernelName name, Work group);
   void run_in_groups(KernelName name, std::vector<Argument> arguments, Work groups, Work group);
   // Once, now.
   void prepare(KernelName name, std::vector<Argument> arguments, Work work);
   void compute_on_host(std::function<void(Queue&)> function);
 
  private:
+  Launch launch(KernelName name, std::vector<Argument> arguments);
   Launch launch(KernelName name, std::vector<Argument> arguments, Work work);
 
   Engine& engine_;

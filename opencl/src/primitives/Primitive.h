@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "cldnn/cldnn.h"
-#include "objects/Counted.h"
 #include "primitives/Epilogue.h"
 #include "primitives/Tensor.h"
 

@@ -16,14 +16,6 @@ bool is_zero(const cldnn_tensor& tensor) {
   return true;
 }
 
-cldnn_tensor tensor_with_counts() {
-  cldnn_tensor tensor{};
-  tensor.batch_count = 1;
-  tensor.feature_count = 1;
-  tensor.spatial_count = 2;
-  return tensor;
-}
-
 cldnn_tensor with_counts(cldnn_tensor tensor) {
   tensor.batch_count = 1;
   tensor.feature_count = 1;
@@ -78,7 +70,6 @@ cldnn_layout layout_of(const Tensor& tensor) {
   cldnn_layout layout{};
   layout.data_type = CLDNN_FLOAT32;
   layout.format = tensor.format;
-  layout.size = tensor_with_counts();
   for (int32_t& size : layout.size.sizes) size = 1;
   layout.size.sizes[CLDNN_BATCH] = static_cast<int32_t>(tensor.b);
   layout.size.sizes[CLDNN_FEATURE] = static_cast<int32_t>(tensor.f);

@@ -132,18 +132,18 @@ class Convolution final : public Primitive {
                     as_int(static_cast<int64_t>(part)), as_int(in.f), as_int(in.b)},
                    {in.b, tap_count});
     }
-    const Slot* addend = parameters.addend;
+    const Slot* biases = per_lane(plan, parameters.biases, in);
+    const bool adds = parameters.addend != nullptr;
     plan.run({"depthwise", "depthwise"},
-             {plan.input(0).slot, packed, per_lane(plan, parameters.biases, in),
-              per_lane(plan, parameters.slopes, in), addend == nullptr ? parameters.biases : addend,
-              plan.output().slot, ints(in.x, in.y, depth, 0), window(kernel), ints(out.x, out.y),
-              as_int(addend == nullptr ? 0 : 1)},
+             {plan.input(0).slot, packed, biases, per_lane(plan, parameters.slopes, in),
+              adds ? parameters.addend : biases, plan.output().slot, ints(in.x, in.y, depth, 0),
+              window(kernel), ints(out.x, out.y), as_int(adds ? 1 : 0)},
              {blocks(depth, plan.engine().queue.lanes()), blocks(out.x, kDepthwisePixels), out.y});
   }
 
   // A value per feature as a value per feature and image.
   static const Slot* per_lane(Plan& plan, const Slot* values, const Tensor& in) {
-    if (in.b == 1) return values;
+    if (in.b == 1) return plan.keep(values);
     const int64_t depth = in.f * in.b;
     const Slot* wide = plan.scratch(depth);
     plan.prepare({"weights", "repeat"}, {values, wide, as_int(depth), as_int(in.b)}, {depth});

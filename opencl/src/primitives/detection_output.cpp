@@ -2,7 +2,6 @@
 // rows. The one kind that computes on the host, once its inputs are there.
 #include <algorithm>
 #include <cmath>
-#include <numeric>
 
 #include "primitives/Plan.h"
 #include "primitives/Primitive.h"

@@ -63,7 +63,7 @@ int64_t panels_each(int64_t panels, int64_t panel_size, int64_t tiles) {
 
 // Values per unit with every part padded to whole panels.
 const Slot* padded(Plan& plan, const Slot* values, const Product& product, int64_t width) {
-  if (width == product.units) return values;
+  if (width == product.units) return plan.keep(values);
   const Slot* wide = plan.scratch(product.parts * width);
   const int64_t count = product.parts * product.units;
   plan.prepare({"weights", "spread"},
@@ -71,11 +71,39 @@ const Slot* padded(Plan& plan, const Slot* values, const Product& product, int64
   return wide;
 }
 
+void launch_product(Plan& plan, const Product& product, int64_t panels,
+                    std::vector<Argument> arguments) {
+  const int64_t lanes = plan.engine().queue.lanes();
+  const int64_t panel = 2 * lanes;
+  constexpr KernelName kLocal = {"product_local", "product_local"};
+  constexpr KernelName kRegisters = {"product", "product_registers"};
+  constexpr Work kLocalGroup = {kSide, kSide};
+  // Of fewer pixels most of a tile would be empty.
+  if (plan.engine().local_tiles && product.pixels >= kSide &&
+      plan.takes_group(kLocal, kLocalGroup)) {
+    plan.run_in_groups(
+        kLocal, std::move(arguments),
+        {blocks(product.pixels, kTile), blocks(panels * panel, kTile), product.parts}, kLocalGroup);
+    return;
+  }
+  const int64_t tiles = blocks(product.pixels, lanes == 16 ? kWideRegisterPixels : kRegisterPixels);
+  const int64_t each = panels_each(panels, product.terms * panel, tiles * product.parts);
+  arguments.emplace_back(as_int(each));
+  const Work work = {tiles, blocks(panels, each), product.parts};
+  // A core takes one work item at a time, a GPU whole groups.
+  if (plan.engine().queue.device().is_processor()) {
+    plan.run_in_groups(kRegisters, std::move(arguments), work, {});
+  } else {
+    plan.run(kRegisters, std::move(arguments), work);
+  }
+}
+
 }  // namespace
 
 UnitParameters fold_followers(Plan& plan, int64_t units, std::span<const Operand> biases,
                               float slope) {
-  UnitParameters parameters{plan.scratch(units), plan.scratch(units), plan.scratch(units), nullptr};
+  UnitParameters parameters{plan.temporary(units), plan.temporary(units), plan.temporary(units),
+                            nullptr};
   fill(plan, parameters.factors, units, 1);
   fill(plan, parameters.slopes, units, slope);
   int64_t start = 0;
@@ -89,8 +117,7 @@ UnitParameters fold_followers(Plan& plan, int64_t units, std::span<const Operand
 
 void plan_product(Plan& plan, const Product& product, std::span<const Operand> weights,
                   const UnitParameters& parameters) {
-  const int64_t lanes = plan.engine().queue.lanes();
-  const int64_t panel = 2 * lanes;  // PANEL of product.cl
+  const int64_t panel = 2 * plan.engine().queue.lanes();  // PANEL of product.cl
   const int64_t panels = blocks(product.units, panel);
   const int64_t part_size = times(panels * panel, product.terms);
   const Slot* packed = plan.scratch(times(product.parts, part_size));
@@ -102,11 +129,12 @@ void plan_product(Plan& plan, const Product& product, std::span<const Operand> w
                  {panel, product.terms, panels});
   }
   const bool adds = parameters.addend != nullptr;
+  const Slot* biases = padded(plan, parameters.biases, product, panels * panel);
   std::vector<Argument> arguments = {plan.input(0).slot,
                                      packed,
-                                     padded(plan, parameters.biases, product, panels * panel),
+                                     biases,
                                      padded(plan, parameters.slopes, product, panels * panel),
-                                     adds ? parameters.addend : parameters.biases,
+                                     adds ? parameters.addend : biases,
                                      plan.scratch(product.border_values),
                                      plan.output().slot,
                                      product.image,
@@ -114,19 +142,7 @@ void plan_product(Plan& plan, const Product& product, std::span<const Operand> w
                                      product.result,
                                      as_int(panels),
                                      as_int(adds ? 1 : 0)};
-  if (plan.engine().local_tiles) {
-    plan.run_in_groups(
-        {"product", "product_local"}, std::move(arguments),
-        {blocks(product.pixels, kTile), blocks(panels * panel, kTile), product.parts},
-        {kSide, kSide});
-  } else {
-    const int64_t tiles =
-        blocks(product.pixels, lanes == 16 ? kWideRegisterPixels : kRegisterPixels);
-    const int64_t each = panels_each(panels, product.terms * panel, tiles * product.parts);
-    arguments.emplace_back(as_int(each));
-    plan.run_in_groups({"product", "product_registers"}, std::move(arguments),
-                       {tiles, blocks(panels, each), product.parts}, {});
-  }
+  launch_product(plan, product, panels, std::move(arguments));
 }
 
 }  // namespace ravu::opencl

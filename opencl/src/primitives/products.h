@@ -6,7 +6,8 @@
 
 namespace ravu::opencl {
 
-// One value per output feature ("unit"), with everything folded that the followers say.
+// One value per output feature ("unit"), with everything folded that the followers say. All but the
+// addend are temporary.
 struct UnitParameters {
   const Slot* factors = nullptr;  // go into the weights
   const Slot* biases = nullptr;

@@ -10,20 +10,14 @@ namespace ravu::opencl {
 
 namespace {
 
-std::string text_of(cl_device_id device, cl_device_info what) {
+// A text about a device (get: clGetDeviceInfo) or a platform (clGetPlatformInfo); empty where there
+// is none.
+template <auto get, typename Object>
+std::string text_of(Object object, cl_uint what) {
   size_t size = 0;
-  if (clGetDeviceInfo(device, what, 0, nullptr, &size) != CL_SUCCESS || size == 0) return "";
+  if (get(object, what, 0, nullptr, &size) != CL_SUCCESS || size == 0) return "";
   std::string text(size, '\0');
-  if (clGetDeviceInfo(device, what, size, text.data(), nullptr) != CL_SUCCESS) return "";
-  text.resize(size - 1);
-  return text;
-}
-
-std::string text_of(cl_platform_id platform, cl_platform_info what) {
-  size_t size = 0;
-  if (clGetPlatformInfo(platform, what, 0, nullptr, &size) != CL_SUCCESS || size == 0) return "";
-  std::string text(size, '\0');
-  if (clGetPlatformInfo(platform, what, size, text.data(), nullptr) != CL_SUCCESS) return "";
+  if (get(object, what, size, text.data(), nullptr) != CL_SUCCESS) return "";
   text.resize(size - 1);
   return text;
 }
@@ -79,20 +73,22 @@ Device describe(cl_platform_id platform, cl_device_id id) {
   device.platform = platform;
   device.id = id;
   device.type = number_of<cl_device_type>(id, CL_DEVICE_TYPE);
-  device.name = text_of(id, CL_DEVICE_NAME);
-  device.vendor = text_of(id, CL_DEVICE_VENDOR);
-  device.version = text_of(id, CL_DEVICE_VERSION);
-  device.driver = text_of(id, CL_DRIVER_VERSION);
-  device.platform_name = text_of(platform, CL_PLATFORM_NAME);
-  device.platform_version = text_of(platform, CL_PLATFORM_VERSION);
+  device.name = text_of<clGetDeviceInfo>(id, CL_DEVICE_NAME);
+  device.vendor = text_of<clGetDeviceInfo>(id, CL_DEVICE_VENDOR);
+  device.version = text_of<clGetDeviceInfo>(id, CL_DEVICE_VERSION);
+  device.driver = text_of<clGetDeviceInfo>(id, CL_DRIVER_VERSION);
+  device.platform_name = text_of<clGetPlatformInfo>(platform, CL_PLATFORM_NAME);
+  device.platform_version = text_of<clGetPlatformInfo>(platform, CL_PLATFORM_VERSION);
   device.memory = number_of<cl_ulong>(id, CL_DEVICE_GLOBAL_MEM_SIZE);
   device.compute_units = number_of<cl_uint>(id, CL_DEVICE_MAX_COMPUTE_UNITS);
   device.largest_buffer =
-  device.fuses = (number_of<cl_device_fp_config>(id, CL_DEVICE_SINGLE_FP_CONFIG) & CL_FP_FMA) != 0;
       static_cast<size_t>(number_of<cl_ulong>(id, CL_DEVICE_MAX_MEM_ALLOC_SIZE));
+  device.largest_group = number_of<size_t>(id, CL_DEVICE_MAX_WORK_GROUP_SIZE);
+  device.local_memory = static_cast<size_t>(number_of<cl_ulong>(id, CL_DEVICE_LOCAL_MEM_SIZE));
   device.shares_memory = number_of<cl_bool>(id, CL_DEVICE_HOST_UNIFIED_MEMORY) != CL_FALSE;
   device.native_floats =
       static_cast<int>(number_of<cl_uint>(id, CL_DEVICE_NATIVE_VECTOR_WIDTH_FLOAT));
+  device.fuses = (number_of<cl_device_fp_config>(id, CL_DEVICE_SINGLE_FP_CONFIG) & CL_FP_FMA) != 0;
   device.refused = why_refused(device);
   return device;
 }

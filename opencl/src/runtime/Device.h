@@ -23,11 +23,13 @@ struct Device {
   std::uint64_t memory = 0;  // bytes
   cl_uint compute_units = 0;
   size_t largest_buffer = 0;   // bytes
+  size_t largest_group = 0;    // work items
+  size_t local_memory = 0;     // bytes of a work-group
   bool shares_memory = false;  // with the processor
   int native_floats = 1;       // floats in one of its vectors
+  bool fuses = false;          // a multiplication and an addition in hardware
 
   bool is_processor() const { return (type & CL_DEVICE_TYPE_CPU) != 0; }
-  bool fuses = false;          // a multiplication and an addition in hardware
 };
 
 // Every device of every platform, in OpenCL's order. Usable are GPUs, accelerators and processors

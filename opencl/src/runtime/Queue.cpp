@@ -2,7 +2,6 @@
 // for the kernels it has, and each is cached by itself.
 #include "runtime/Queue.h"
 
-#include <algorithm>
 #include <limits>
 
 #include "runtime/Error.h"
@@ -109,6 +108,14 @@ KernelHandle Queue::kernel(KernelName name) {
   KernelHandle kernel(clCreateKernel(program(name.file), name.function, &code));
   check_cl(code, name.function);
   return kernel;
+}
+
+size_t Queue::largest_group(const KernelHandle& kernel) const {
+  size_t items = 0;
+  check_cl(clGetKernelWorkGroupInfo(kernel.get(), device_.id, CL_KERNEL_WORK_GROUP_SIZE,
+                                    sizeof(items), &items, nullptr),
+           "looking at a kernel");
+  return items;
 }
 
 cl_program Queue::program(const std::string& file) {

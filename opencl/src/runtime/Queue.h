@@ -58,6 +58,8 @@ class Queue {
 
   // Compiles the file at first use, or takes it from the cache.
   KernelHandle kernel(KernelName name);
+  // The most work items that a work-group of the kernel can have.
+  size_t largest_group(const KernelHandle& kernel) const;
 
   // Hands the launch's arguments to its kernel: before the first run, and after a slot has changed.
   void bind(const Launch& launch);

@@ -5,6 +5,11 @@
 
 namespace ravu::opencl {
 
+EventHandle share(cl_event event) {
+  if (event != nullptr) check_cl(clRetainEvent(event), "keeping an event");
+  return EventHandle(event);
+}
+
 void check_cl(cl_int code, const char* operation) {
   if (code == CL_SUCCESS) return;
   const std::string text =

@@ -27,6 +27,9 @@ using KernelHandle = Handle<cl_kernel, clReleaseKernel>;
 using EventHandle = Handle<cl_event, clReleaseEvent>;
 using MemHandle = Handle<cl_mem, clReleaseMemObject>;
 
+// One more owner of an event; null stays null.
+EventHandle share(cl_event event);
+
 // Throws an Error that names the operation and OpenCL's code.
 void check_cl(cl_int code, const char* operation);
 

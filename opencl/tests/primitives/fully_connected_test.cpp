@@ -48,7 +48,7 @@ TEST(FullyConnected, AgreesWithTheNaiveOneForAllFormatsAndBatches) {
 }
 
 TEST(FullyConnected, TheTilesOfGpusAgreeWithTheNaiveOne) {
-  expect_neurons({3, 6, 3, 3}, 70, CLDNN_FORMAT_YXFB, CLDNN_FORMAT_YXFB, true,
+  expect_neurons({17, 6, 3, 3}, 70, CLDNN_FORMAT_YXFB, CLDNN_FORMAT_YXFB, true,
                  shared_engine("product_local"));
 }
 

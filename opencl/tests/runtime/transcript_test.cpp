@@ -5,16 +5,19 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <string>
 
 #include "support/Graph.h"
+#include "support/StandIn.h"
 
 namespace {
 
 std::mutex calls_mutex;
 std::map<std::string, int> calls;
+std::atomic<bool> writing_fails{false};
 
 void count_call(const char* name) {
   const std::lock_guard lock(calls_mutex);
@@ -38,10 +41,22 @@ COUNTED(cl_int, clEnqueueReadBuffer,
         (cl_command_queue queue, cl_mem mem, cl_bool blocking, size_t offset, size_t size,
          void* data, cl_uint count, const cl_event* events, cl_event* event),
         queue, mem, blocking, offset, size, data, count, events, event)
-COUNTED(cl_int, clEnqueueWriteBuffer,
-        (cl_command_queue queue, cl_mem mem, cl_bool blocking, size_t offset, size_t size,
-         const void* data, cl_uint count, const cl_event* events, cl_event* event),
-        queue, mem, blocking, offset, size, data, count, events, event)
+COUNTED(cl_int, clEnqueueCopyBuffer,
+        (cl_command_queue queue, cl_mem from, cl_mem to, size_t from_offset, size_t to_offset,
+         size_t size, cl_uint count, const cl_event* events, cl_event* event),
+        queue, from, to, from_offset, to_offset, size, count, events, event)
+COUNTED(cl_int, clEnqueueFillBuffer,
+        (cl_command_queue queue, cl_mem mem, const void* pattern, size_t pattern_size,
+         size_t offset, size_t size, cl_uint count, const cl_event* events, cl_event* event),
+        queue, mem, pattern, pattern_size, offset, size, count, events, event)
+COUNTED(void*, clEnqueueMapBuffer,
+        (cl_command_queue queue, cl_mem mem, cl_bool blocking, cl_map_flags flags, size_t offset,
+         size_t size, cl_uint count, const cl_event* events, cl_event* event, cl_int* code),
+        queue, mem, blocking, flags, offset, size, count, events, event, code)
+COUNTED(cl_int, clEnqueueUnmapMemObject,
+        (cl_command_queue queue, cl_mem mem, void* address, cl_uint count, const cl_event* events,
+         cl_event* event),
+        queue, mem, address, count, events, event)
 COUNTED(cl_int, clBuildProgram,
         (cl_program program, cl_uint count, const cl_device_id* devices, const char* options,
          void(CL_CALLBACK* notify)(cl_program, void*), void* data),
@@ -72,11 +87,30 @@ COUNTED(cl_program, clCreateProgramWithBinary,
          const unsigned char** binaries, cl_int* statuses, cl_int* code),
         context, count, devices, sizes, binaries, statuses, code)
 COUNTED(cl_int, clReleaseProgram, (cl_program program), program)
-COUNTED(cl_kernel, clCreateKernel, (cl_program program, const char* name, cl_int* code), program,
-        name, code)
 COUNTED(cl_int, clReleaseKernel, (cl_kernel kernel), kernel)
 COUNTED(cl_int, clRetainEvent, (cl_event event), event)
 COUNTED(cl_int, clReleaseEvent, (cl_event event), event)
+
+// Fails where a test wants it to.
+extern "C" __attribute__((visibility("default"))) cl_int clEnqueueWriteBuffer(
+    cl_command_queue queue, cl_mem mem, cl_bool blocking, size_t offset, size_t size,
+    const void* data, cl_uint count, const cl_event* events, cl_event* event) {
+  count_call("clEnqueueWriteBuffer");
+  if (writing_fails) return CL_OUT_OF_RESOURCES;
+  static auto* const real =
+      reinterpret_cast<decltype(&clEnqueueWriteBuffer)>(dlsym(RTLD_NEXT, __func__));
+  return real(queue, mem, blocking, offset, size, data, count, events, event);
+}
+
+// Kernels are counted by name as well.
+extern "C" __attribute__((visibility("default"))) cl_kernel clCreateKernel(cl_program program,
+                                                                           const char* name,
+                                                                           cl_int* code) {
+  count_call("clCreateKernel");
+  count_call(name);
+  static auto* const real = reinterpret_cast<decltype(&clCreateKernel)>(dlsym(RTLD_NEXT, __func__));
+  return real(program, name, code);
+}
 
 // A kernel's event is an object too.
 extern "C" __attribute__((visibility("default"))) cl_int clEnqueueNDRangeKernel(
@@ -85,6 +119,8 @@ extern "C" __attribute__((visibility("default"))) cl_int clEnqueueNDRangeKernel(
     cl_event* event) {
   count_call("clEnqueueNDRangeKernel");
   if (event != nullptr) count_call("events of kernels");
+  const size_t limit = ravu::opencl::test::group_limit;
+  if (limit != 0 && local[0] * local[1] * local[2] > limit) return CL_INVALID_WORK_GROUP_SIZE;
   static auto* const real =
       reinterpret_cast<decltype(&clEnqueueNDRangeKernel)>(dlsym(RTLD_NEXT, __func__));
   return real(queue, kernel, dims, offset, global, local, count, events, event);
@@ -113,6 +149,7 @@ Calls during_execution(Graph& graph) {
   cldnn_execute_network(graph.network(), nullptr, 0, &status);
   EXPECT_EQ(status, CLDNN_SUCCESS) << cldnn_get_last_error_message();
   Calls during = calls_so_far();
+  EXPECT_LE(during["events of kernels"], 1) << "only the last kernel's is asked for";
   during.erase("clReleaseEvent");
   during.erase("events of kernels");
   return during;
@@ -172,6 +209,77 @@ TEST(Transcript, WhatRunsAlongWithAProductHasNoKernelOfItsOwn) {
   EXPECT_EQ(during_execution(graph), (Calls{{"clEnqueueNDRangeKernel", 1}, {"clFlush", 1}}));
 }
 
+// A convolution with a result of 8 x 8 pixels and a maximum of each of them.
+Values small_network(cldnn_engine engine) {
+  Graph graph(engine);
+  graph.input("in", random_values({1, 8, 8, 8}, 1));
+  graph.data("w", random_values({8, 8, 1, 1}, 2));
+  add_convolution(graph, "conv", "in");
+  add_pooling(graph, "out", "conv");
+  return graph.result("out");
+}
+
+TEST(Transcript, ADeviceOfSmallWorkGroupsComputesTheSameWithoutTiles) {
+  const Values expected = small_network(shared_engine("product_local"));
+  for (const size_t limit : {128, 8, 1}) {
+    forget_calls();
+    group_limit = limit;
+    const cldnn_engine_configuration configuration = {0, 0, "", "product_local"};
+    cldnn_status status = CLDNN_SUCCESS;
+    cldnn_engine engine = cldnn_create_engine(CLDNN_ENGINE_OPENCL, 0, &configuration, &status);
+    expect_near(small_network(engine), expected);
+    cldnn_release_engine(engine, &status);
+    group_limit = 0;
+    EXPECT_EQ(calls_so_far().count("product_local"), 0u);
+    EXPECT_EQ(calls_so_far().count("product_registers"), 1u);
+  }
+}
+
+// A driver that runs short of registers takes less for one kernel than the device has.
+TEST(Transcript, AKernelThatTakesSmallWorkGroupsOnlyIsReplacedOrRefusedAtAllocation) {
+  cldnn_engine engine = shared_engine("product_local");
+  const Values expected = small_network(engine);
+  group_limit = 32;
+  forget_calls();
+  expect_near(small_network(engine), expected);
+  EXPECT_EQ(calls_so_far().count("product_registers"), 1u);
+  Graph graph(engine);
+  graph.input("in", random_values({1, 8, 4, 4}, 1));
+  graph.data("scale", along_x({1}));
+  auto norm = graph.describe<cldnn_normalize_desc>(cldnn_normalize_type_id, "out", {"in"});
+  norm.across_spatial = 1;
+  norm.scale_input = "scale";
+  graph.add(norm.header);
+  EXPECT_EQ(graph.run(), Stage::kAllocate);
+  group_limit = 0;
+  EXPECT_EQ(graph.text().rfind("normalize_image needs work-groups of 64 items, ", 0), 0u);
+}
+
+TEST(Transcript, TilesAreForProductsOfAtLeastSixteenPixels) {
+  cldnn_engine engine = shared_engine("product_local");
+  for (const int width : {15, 16}) {
+    forget_calls();
+    Graph graph(engine);
+    graph.input("in", random_values({1, 8, 1, width}, 1));
+    graph.data("w", random_values({8, 8, 1, 1}, 2));
+    add_convolution(graph, "out", "in");
+    EXPECT_EQ(graph.run(), Stage::kDone) << graph.text();
+    EXPECT_EQ(calls_so_far().count("product_local"), width == 16 ? 1u : 0u);
+    EXPECT_EQ(calls_so_far().count("product_registers"), width == 16 ? 0u : 1u);
+  }
+}
+
+TEST(Transcript, WhatWasNeededToPackWeightsAloneIsReleasedWhenTheNetworkIsAllocated) {
+  Graph graph;
+  graph.input("in", random_values({1, 8, 4, 4}, 1));
+  graph.data("w", random_values({9, 8, 1, 1}, 2));
+  add_convolution(graph, "out", "in");
+  forget_calls();
+  EXPECT_EQ(graph.run(), Stage::kDone) << graph.text();
+  // Factors, biases and slopes: the latter two are there in padded form as well.
+  EXPECT_EQ(calls_so_far()["clReleaseMemObject"], 3);
+}
+
 TEST(Transcript, EveryObjectOfOpenClIsReleased) {
   forget_calls();
   cldnn_status status = CLDNN_SUCCESS;
@@ -202,6 +310,53 @@ TEST(Transcript, EveryObjectOfOpenClIsReleased) {
             now["clCreateProgramWithSource"] + now["clCreateProgramWithBinary"]);
   EXPECT_EQ(now["clReleaseKernel"], now["clCreateKernel"]);
   EXPECT_EQ(now["clReleaseEvent"], now["events of kernels"] + now["clRetainEvent"]);
+}
+
+// What ravu does for each image.
+TEST(Transcript, TheFirstExecutionAfterAnInputWasSetDoesNotWaitEither) {
+  Graph graph;
+  graph.input("in", random_values({1, 8, 4, 4}, 1));
+  add_pooling(graph, "pool", "in");
+  add_pooling(graph, "out", "pool");
+  forget_calls();
+  EXPECT_EQ(graph.run(), Stage::kDone) << graph.text();
+  const int both_kernels = calls_so_far()["clSetKernelArg"];
+  forget_calls();
+  graph.run_again("out");
+  EXPECT_EQ(calls_so_far().count("clSetKernelArg"), 0u);
+  cldnn_memory other = upload(graph.engine(), random_values({1, 8, 4, 4}, 2), CLDNN_FORMAT_YXFB);
+  cldnn_status status = CLDNN_SUCCESS;
+  cldnn_set_network_input(graph.network(), "in", other, &status);
+  forget_calls();
+  cldnn_execute_network(graph.network(), nullptr, 0, &status);
+  EXPECT_EQ(status, CLDNN_SUCCESS);
+  Calls during = calls_so_far();
+  EXPECT_GT(both_kernels, 0);
+  EXPECT_EQ(2 * during["clSetKernelArg"], both_kernels) << "the first reads the input, no other";
+  for (const char* allowed :
+       {"clSetKernelArg", "clReleaseEvent", "events of kernels", "clReleaseMemObject"}) {
+    during.erase(allowed);
+  }
+  EXPECT_EQ(during, (Calls{{"clEnqueueNDRangeKernel", 2}, {"clFlush", 1}}));
+  cldnn_release_memory(other, nullptr);
+}
+
+TEST(Transcript, AMemoryOfAnotherEngineIsUnlockedWhenItCannotBeCopied) {
+  cldnn_status status = CLDNN_SUCCESS;
+  cldnn_engine other = cldnn_create_engine(CLDNN_ENGINE_OPENCL, 0, nullptr, &status);
+  cldnn_memory memory = upload(other, along_x({3, -4}), CLDNN_FORMAT_YXFB);
+  cldnn_release_engine(other, nullptr);
+  Graph graph;
+  graph.input("in", along_x({1, 2}));
+  add_pooling(graph, "out", "in");
+  EXPECT_EQ(graph.run(), Stage::kDone) << graph.text();
+  writing_fails = true;
+  cldnn_set_network_input(graph.network(), "in", memory, &status);
+  writing_fails = false;
+  EXPECT_EQ(status, CLDNN_OUT_OF_RESOURCES);
+  cldnn_unlock_memory(memory, &status);
+  EXPECT_EQ(status, CLDNN_ERROR) << "it was locked still";
+  cldnn_release_memory(memory, nullptr);
 }
 
 TEST(Transcript, AnEngineThatGoesWaitsForWhatItHasStarted) {
