@@ -20,11 +20,11 @@ std::string free_name(const GpuGraph& graph, std::string name) {
   return name;
 }
 
+}  // namespace
+
 std::size_t elements(const GpuShape& shape) {
   return cldnn::element_count(make_layout(shape, CLDNN_FLOAT32));
 }
-
-}  // namespace
 
 std::string resolve(const Aliases& aliases, std::string name) {
   for (auto found = aliases.find(name); found != aliases.end(); found = aliases.find(name)) {

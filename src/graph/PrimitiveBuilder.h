@@ -22,6 +22,9 @@ std::string fresh_id(const GpuGraph& graph, const std::string& base, std::size_t
 // The values of a Blob in batch-innermost order: value k of image b at k * batch + b.
 std::vector<float> batch_innermost(std::span<const float> values, std::size_t batch);
 
+// The values that a primitive of this shape has.
+std::size_t elements(const GpuShape& shape);
+
 // A constant of the topology: allocates a memory, fills it and adds it under this identifier.
 // Values beyond the memory's end are left out.
 void add_data(GpuGraph& graph, cldnn_topology topology, cldnn_engine engine,

@@ -37,10 +37,6 @@ std::optional<ElementStep> step_of(const BaseLayer& layer) {
   return step;
 }
 
-std::size_t elements(const GpuShape& shape) {
-  return cldnn::element_count(make_layout(shape, CLDNN_FLOAT32));
-}
-
 bool divides(const Blob* values, std::size_t n) {
   return values == nullptr || (values->count != 0 && n % values->count == 0);
 }
