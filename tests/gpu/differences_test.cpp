@@ -186,6 +186,23 @@ TEST(GpuDiffers, BatchNormalisationAddsItsEpsilon) {
   expect_near(found.processor, {5});
 }
 
+// clDNN takes the variance, the divisor's square, in which a sign is lost and extremes have no
+// room.
+TEST(GpuDiffers, BatchNormalisationDividesByTheSizeOfItsDivisorAlone) {
+  const auto normalised = [](float divisor) {
+    const Bytes record = layer("bn", {"data"}, {"b"})
+                             .add("mean", tensor({1}, {0}))
+                             .add("var", tensor({1}, {divisor}));
+    return both(record, 1, 1, {6});
+  };
+  expect_near(normalised(-2).gpu, {3});
+  expect_near(normalised(-2).processor, {-3});
+  EXPECT_TRUE(std::isinf(normalised(1e-25F).gpu[0]));
+  EXPECT_FLOAT_EQ(normalised(1e-25F).processor[0], 6e25F);
+  EXPECT_EQ(normalised(2e19F).gpu[0], 0);
+  EXPECT_FLOAT_EQ(normalised(2e19F).processor[0], 3e-19F);
+}
+
 TEST(GpuDiffers, ACropByOnePixelIsACrop) {
   ModelBuilder model(2, 1);
   model.set("image_size", integer(1));
@@ -252,19 +269,67 @@ TEST(GpuDiffers, AnotherInputShapeNeedsAnotherSetUp) {
   EXPECT_NE(values_of(ravu_getOutput_blob(handle, 0)), Floats(9, 0.0F));
 }
 
-TEST(GpuDiffers, LayersThatAskForMoreThanClDnnGivesAreRefusedWhenTheNetworkIsSetUp) {
-  const auto refusal = [](const Bytes& record) -> std::string {
-    try {
-      both(record, 2, 3, Floats(12, 1.0F));
-    } catch (const cldnn::error& error) {
-      return error.what();
-    }
-    return "nothing was refused";
+// The text of the refusal; the processor runs the same model.
+std::string refusal(const ModelBuilder& model, Dims input) {
+  const Floats values(std::size_t{input[0]} * input[1] * input[2] * input[3], 1.0F);
+  EXPECT_NO_THROW(result_in(RAVU_MODE_CPU, model.bytes(), input, values));
+  try {
+    result_in(RAVU_MODE_GPU, model.bytes(), input, values);
+  } catch (const cldnn::error& error) {
+    return error.what();
+  }
+  return "nothing was refused";
+}
+
+std::string refusal(const Bytes& record) {
+  return refusal(ModelBuilder(2, 3).add_layer(record), {1, 2, 2, 3});
+}
+
+bool says(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+TEST(GpuDiffers, PriorBoxesThatClDnnDoesNotTakeAreRefused) {
+  const auto prior = [](const PriorKeys& keys) {
+    return refusal(prior_record({"data", "data"}, "p", keys));
   };
-  EXPECT_NE(refusal(scale_record("data", "s", {1, 1, 1, 5}, false)).find("do not repeat"),
-            std::string::npos);
-  EXPECT_NE(refusal(reshape_record("data", "r", {2, 2, 1, 3})).find("must not change the batch"),
-            std::string::npos);
+  const std::string too_small = prior({.min_sizes = {2}, .max_sizes = {2}, .num_priors = 2});
+  EXPECT_TRUE(says(too_small, "a max size is not greater than its min size")) << too_small;
+  const std::string no_size = prior({.min_sizes = {0}});
+  EXPECT_TRUE(says(no_size, "a min size is not positive")) << no_size;
+  const std::string no_variance = prior({.variances = {0}});
+  EXPECT_TRUE(says(no_variance, "a variance is not positive")) << no_variance;
+}
+
+TEST(GpuDiffers, DetectionsThatClDnnHasNoFormForAreRefused) {
+  const auto detections = [](const DetectionKeys& keys, int locations, int confidences) {
+    ModelBuilder model(2, 3);
+    model.add_layer(conv_record("data", "loc", {.inputs = 3, .kernels = locations, .ksize = 1}));
+    model.add_layer(conv_record("data", "conf", {.inputs = 3, .kernels = confidences, .ksize = 1}));
+    model.add_layer(prior_record({"data", "data"}, "p", {}));
+    model.add_layer(detection_record({"loc", "conf", "p"}, "d", keys));
+    return refusal(model, {1, 2, 2, 3});
+  };
+  EXPECT_NE(detections({.keep_top_k = -1}, 4, 2), "nothing was refused");
+  EXPECT_NE(detections({.share = true, .location_classes = 2}, 8, 2), "nothing was refused");
+  EXPECT_NE(detections({}, 4, 3), "nothing was refused") << "more confidences than classes";
+  EXPECT_NE(detections({}, 5, 2), "nothing was refused") << "more locations than boxes";
+  EXPECT_EQ(detections({}, 4, 2), "nothing was refused");
+}
+
+TEST(GpuDiffers, AFullyConnectedLayerOfFewerFeaturesThanItsInputIsRefused) {
+  const std::string text = refusal(neuron_record("data", "f", 6, 2));
+  EXPECT_TRUE(says(text, "do not fit an input")) << text;
+}
+
+TEST(GpuDiffers, LayersThatAskForMoreThanClDnnGivesAreRefusedWhenTheNetworkIsSetUp) {
+  const std::string uneven = refusal(layer("bn", {"data"}, {"b"})
+                                         .add("mean", tensor({2}, {0, 0}))
+                                         .add("var", tensor({2}, {1, 1})));
+  EXPECT_TRUE(says(uneven, "do not repeat")) << uneven;
+  EXPECT_TRUE(says(refusal(scale_record("data", "s", {1, 1, 1, 5}, false)), "do not repeat"));
+  EXPECT_TRUE(
+      says(refusal(reshape_record("data", "r", {2, 2, 1, 3})), "must not change the batch"));
 }
 
 }  // namespace

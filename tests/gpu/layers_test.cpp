@@ -287,19 +287,23 @@ TEST(GpuLayer, DetectionOutputAgrees) {
       for (const bool share : {true, false}) {
         ModelBuilder model(4, 6);
         const int classes = draw(2, 4);
-        const int locations = share ? 4 : 4 * classes;
+        constexpr int kBoxes = 2;  // of a cell, one around the other
+        const int locations = kBoxes * (share ? 4 : 4 * classes);
         model.add_layer(
             conv_record("data", "loc", {.inputs = 6, .kernels = locations, .ksize = 1}, 3));
         model.add_layer(
-            conv_record("data", "conf", {.inputs = 6, .kernels = classes, .ksize = 1}, 5));
+            conv_record("data", "conf", {.inputs = 6, .kernels = kBoxes * classes, .ksize = 1}, 5));
         model.add_layer(layer("max", {"conf"}, {"prob"}));
-        model.add_layer(prior_record({"data", "data"}, "p", {}));
+        model.add_layer(
+            prior_record({"data", "data"}, "p", {.min_sizes = {2, 3}, .num_priors = kBoxes}));
         model.add_layer(detection_record({"loc", "prob", "p"}, "d",
                                          {.classes = classes,
                                           .keep_top_k = draw(3, 40),
                                           .code_type = code_type,
-                                          .eta = draw(0, 1) == 0 ? 1.0F : 0.9F,
-                                          .share = share}));
+                                          .nms = draw(0, 1) == 0 ? 0.45F : 0.7F,
+                                          .eta = draw(0, 1) == 0 ? 1.0F : 0.8F,
+                                          .share = share,
+                                          .encoded = draw(0, 1) == 1}));
         expect_modes_agree(model, {batch, 4, 4, 6},
                            "code " + std::to_string(code_type) + " batch " + std::to_string(batch));
       }

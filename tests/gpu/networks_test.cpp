@@ -159,10 +159,13 @@ TEST(GpuNetwork, TheDemoDetectorAgrees) {
     const auto pixels = scene(input, batch);
     const Result reference = result_in(RAVU_MODE_CPU, model, input, pixels);
     ASSERT_NE(reference.values[2], 0) << "the scene holds nothing";
-    const Result found = result_in(RAVU_MODE_GPU, model, input, pixels);
-    ASSERT_EQ(found.values.size(), reference.values.size());
-    for (std::size_t i = 0; i < found.values.size(); ++i) {
-      EXPECT_NEAR(found.values[i], reference.values[i], i % 7 < 2 ? 0 : 1e-4) << "value " << i;
+    for (const std::uint32_t mode : {RAVU_MODE_GPU, RAVU_MODE_GPU_KEEP}) {
+      const Result found = result_in(mode, model, input, pixels);
+      ASSERT_EQ(found.values.size(), reference.values.size());
+      for (std::size_t i = 0; i < found.values.size(); ++i) {
+        EXPECT_NEAR(found.values[i], reference.values[i], i % 7 < 2 ? 0 : 1e-4)
+            << "mode " << mode << ", value " << i;
+      }
     }
   }
 }

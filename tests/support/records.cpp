@@ -153,13 +153,14 @@ Dictionary prior_record(const std::vector<std::string>& from, const std::string&
 
 Dictionary detection_record(const std::vector<std::string>& from, const std::string& to,
                             const DetectionKeys& keys) {
+  const int by_share = keys.share ? 1 : keys.classes;
   return layer("detectionout", from, {to})
       .add("num_classes", keys.classes)
       .add("share_location", keys.share ? 1 : 0)
-      .add("num_loc_classes", keys.share ? 1 : keys.classes)
+      .add("num_loc_classes", keys.location_classes == 0 ? by_share : keys.location_classes)
       .add("background_label_id", keys.background)
       .add("code_type", keys.code_type)
-      .add("variance_encoded_in_target", 0)
+      .add("variance_encoded_in_target", keys.encoded ? 1 : 0)
       .add("top_k", keys.top_k)
       .add("keep_top_k", keys.keep_top_k)
       .add("confidence_threshold", keys.threshold)

@@ -76,6 +76,8 @@ struct DetectionKeys {
   float nms = 0.45F;
   float eta = 1.0F;
   bool share = true;
+  int location_classes = 0;  // 0: one where they are shared, else as many as classes
+  bool encoded = false;      // the variances are in the locations already
 };
 Dictionary detection_record(const std::vector<std::string>& from, const std::string& to,
                             const DetectionKeys& keys);
