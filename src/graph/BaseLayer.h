@@ -98,8 +98,7 @@ Blob* last_output(const BaseLayer& layer);
 bool is_wired(const BaseLayer& layer);
 
 // Whether the layer has been set up, its last input holds data and its last output has elements to
-// write: one without any may keep storage of an earlier shape, and its dims may be as large as they
-// like as long as one of them is 0.
+// write: of the dims of one without any, all but one may be as large as they like.
 bool has_data(const BaseLayer& layer);
 
 // Whether each of the Blobs holds data or has no element to hold.

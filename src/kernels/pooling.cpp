@@ -127,6 +127,7 @@ void pool(const PoolingSizes& s, const float* input, float* output, PoolRow pool
           Workers& workers) {
   const std::size_t rows = s.batch * s.out_height;
   const std::size_t out_row = s.out_width * s.channels;
+  if (out_row == 0) return;  // there may be any number of such rows
   const std::size_t read = std::min(s.kernel_h, s.height) * s.width * s.channels;
   const std::size_t task_rows = std::max<std::size_t>(kTaskFloats / (read + 1), 1);
   workers.run((rows + task_rows - 1) / task_rows, [&](std::size_t task, std::size_t) {

@@ -324,8 +324,8 @@ TEST(GpuDiffers, AFullyConnectedLayerOfFewerFeaturesThanItsInputIsRefused) {
 
 TEST(GpuDiffers, LayersThatAskForMoreThanClDnnGivesAreRefusedWhenTheNetworkIsSetUp) {
   const std::string uneven = refusal(layer("bn", {"data"}, {"b"})
-                                         .add("mean", tensor({2}, {0, 0}))
-                                         .add("var", tensor({2}, {1, 1})));
+                                         .add("mean", tensor({1, 1, 1, 2}, {0, 0}))
+                                         .add("var", tensor({1, 1, 1, 2}, {1, 1})));
   EXPECT_TRUE(says(uneven, "do not repeat")) << uneven;
   EXPECT_TRUE(says(refusal(scale_record("data", "s", {1, 1, 1, 5}, false)), "do not repeat"));
   EXPECT_TRUE(

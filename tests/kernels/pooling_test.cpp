@@ -12,6 +12,15 @@
 namespace ravu::test {
 namespace {
 
+TEST(PoolingKernel, AnyNumberOfRowsWithoutColumnsIsDoneAtOnce) {
+  const kernels::PoolingSizes sizes{1, 1, 1, 1, std::size_t{1} << 50, 0, 3, 3, 2, 2, 0, 0};
+  kernels::Workers workers;
+  float value = 7;
+  kernels::max_pooling(sizes, &value, &value, workers);
+  kernels::average_pooling(sizes, &value, &value, workers);
+  EXPECT_EQ(value, 7);
+}
+
 TEST(PoolingKernel, GivesTheSameBitsOnEveryProcessor) {
   for_each_target([] {
     for (const int channels : {1, 3, 4, 15, 16, 17, 33}) {

@@ -47,9 +47,11 @@ cl_device_type next_kind() {
 
 }  // namespace
 
-extern "C" __attribute__((visibility("default"))) cl_int clGetDeviceIDs(
-    cl_platform_id platform, cl_device_type type, cl_uint room, cl_device_id* devices,
-    cl_uint* found) {
+extern "C" __attribute__((visibility("default"))) cl_int clGetDeviceIDs(cl_platform_id platform,
+                                                                        cl_device_type type,
+                                                                        cl_uint room,
+                                                                        cl_device_id* devices,
+                                                                        cl_uint* found) {
   static auto* const real = reinterpret_cast<decltype(&clGetDeviceIDs)>(dlsym(RTLD_NEXT, __func__));
   const cl_uint times = devices_are_tripled ? 3 : 1;
   const cl_int code = real(platform, type, room / times, devices, found);
@@ -59,8 +61,10 @@ extern "C" __attribute__((visibility("default"))) cl_int clGetDeviceIDs(
   return code;
 }
 
-extern "C" __attribute__((visibility("default"))) cl_int clGetDeviceInfo(
-    cl_device_id device, cl_device_info what, size_t size, void* value, size_t* written) {
+extern "C" __attribute__((visibility("default"))) cl_int clGetDeviceInfo(cl_device_id device,
+                                                                         cl_device_info what,
+                                                                         size_t size, void* value,
+                                                                         size_t* written) {
   static auto* const real =
       reinterpret_cast<decltype(&clGetDeviceInfo)>(dlsym(RTLD_NEXT, __func__));
   const cl_int code = real(device, what, size, value, written);
