@@ -27,7 +27,7 @@ Device checked_device(int32_t type, uint32_t number,
 
 // What product_local asks for: its work-groups of 16 x 16, and less than this memory.
 bool takes_tiles(const Device& device) {
-  return device.largest_group >= 256 && device.local_memory >= 16 * 1024;
+  return device.largest_group >= 256 && device.local_memory >= 16384;
 }
 
 }  // namespace

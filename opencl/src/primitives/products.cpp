@@ -117,7 +117,7 @@ UnitParameters fold_followers(Plan& plan, int64_t units, std::span<const Operand
 
 void plan_product(Plan& plan, const Product& product, std::span<const Operand> weights,
                   const UnitParameters& parameters) {
-  const int64_t panel = 2 * plan.engine().queue.lanes();  // PANEL of product.cl
+  const int64_t panel = int64_t{2} * plan.engine().queue.lanes();  // PANEL of product.cl
   const int64_t panels = blocks(product.units, panel);
   const int64_t part_size = times(panels * panel, product.terms);
   const Slot* packed = plan.scratch(times(product.parts, part_size));
