@@ -55,17 +55,17 @@ struct OneConv {
   ConvLayer conv;
 };
 
-// A convolution with random sizes, weights and input, wired.
+// A convolution with random sizes, weights and input, wired; `many_groups` of one channel, if any.
 struct RandomConv : OneConv, LayerRig {
-  RandomConv(Draw& draw, unsigned seed) : LayerRig(conv) {
-    conv.groups = draw(0, 2) == 0 ? draw(2, 4) : 1;
-    conv.output_channels = draw(1, 24);
+  RandomConv(Draw& draw, unsigned seed, int many_groups = 0) : LayerRig(conv) {
+    conv.groups = many_groups != 0 ? many_groups : draw(0, 2) == 0 ? draw(2, 4) : 1;
+    conv.output_channels = draw(1, many_groups != 0 ? 3 : 24);
     conv.kernel_h = conv.kernel_w = draw(1, 5);
     conv.stride_h = conv.stride_w = draw(1, 3);
     conv.pad_h = conv.pad_w = draw(0, 2);
     conv.dilation_h = conv.dilation_w = draw(0, 5) == 0 ? 2 : 1;
     conv.has_bias = draw(0, 1) == 1;
-    const auto channels = static_cast<std::uint32_t>(draw(4, 24));
+    const auto channels = static_cast<std::uint32_t>(many_groups != 0 ? 1 : draw(4, 24));
     const auto row = static_cast<std::uint32_t>(conv.kernel_h * conv.kernel_w) * channels;
     const auto rows = static_cast<std::uint32_t>(conv.output_channels);
     for (int g = 0; g < conv.groups; ++g) {
@@ -124,6 +124,19 @@ TEST(FixedPointConvolution, GroupsGiveTheSameBitsWhicheverThreadsRunThem) {
       const auto values = rig.run(/*mode=*/3);
       if (expected.empty()) expected = values;
       EXPECT_EQ(values, expected) << "case " << i << ", " << threads << " threads";
+    }
+  }
+}
+
+// More of them than are taken out of the pixels at a time, whole blocks and a rest.
+TEST(FixedPointConvolution, ManyGroupsOfOneChannelAreComputedInBlocks) {
+  Draw draw;
+  unsigned seed = 7;
+  for (const int groups : {15, 16, 17, 32, 37, 50}) {
+    for (const std::size_t threads : {1U, 2U, 3U, 40U}) {
+      RandomConv rig(draw, seed += 10, groups);
+      rig.workspace.workers().set_threads(threads);
+      EXPECT_LT(error_of_mode_3(rig), 0.02) << groups << " groups, " << threads << " threads";
     }
   }
 }

@@ -150,9 +150,7 @@ TEST(SetInput, ReadsTheMemoryInPlaceAtEveryExecution) {
 
 TEST(SetInput, CopiesTheMemoryOfAnotherEngine) {
   cldnn_status status = CLDNN_SUCCESS;
-  cldnn_engine other = cldnn_create_engine(CLDNN_ENGINE_OPENCL, 0, nullptr, &status);
-  cldnn_memory memory = upload(other, along_x({3, -4}), CLDNN_FORMAT_YXFB);
-  cldnn_release_engine(other, nullptr);
+  cldnn_memory memory = upload_elsewhere(along_x({3, -4}));
   Graph graph;
   graph.input("in", along_x({0, 0}));
   graph.add(rectified(graph, "out", "in", 1).header);
@@ -164,13 +162,10 @@ TEST(SetInput, CopiesTheMemoryOfAnotherEngine) {
 }
 
 TEST(Data, OfAnotherEngineIsCopied) {
-  cldnn_status status = CLDNN_SUCCESS;
-  cldnn_engine other = cldnn_create_engine(CLDNN_ENGINE_OPENCL, 0, nullptr, &status);
   Graph graph;
   graph.input("in", along_x({3, -4}));
   auto constant = graph.describe<cldnn_data_desc>(cldnn_data_type_id, "more", {});
-  constant.memory = upload(other, along_x({10, 20}), CLDNN_FORMAT_YXFB);
-  cldnn_release_engine(other, nullptr);
+  constant.memory = upload_elsewhere(along_x({10, 20}));
   graph.add(constant.header);
   cldnn_release_memory(constant.memory, nullptr);
   auto sum = graph.describe<cldnn_eltwise_desc>(cldnn_eltwise_type_id, "out", {"in"});

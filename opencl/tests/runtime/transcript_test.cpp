@@ -343,9 +343,7 @@ TEST(Transcript, TheFirstExecutionAfterAnInputWasSetDoesNotWaitEither) {
 
 TEST(Transcript, AMemoryOfAnotherEngineIsUnlockedWhenItCannotBeCopied) {
   cldnn_status status = CLDNN_SUCCESS;
-  cldnn_engine other = cldnn_create_engine(CLDNN_ENGINE_OPENCL, 0, nullptr, &status);
-  cldnn_memory memory = upload(other, along_x({3, -4}), CLDNN_FORMAT_YXFB);
-  cldnn_release_engine(other, nullptr);
+  cldnn_memory memory = upload_elsewhere(along_x({3, -4}));
   Graph graph;
   graph.input("in", along_x({1, 2}));
   add_pooling(graph, "out", "in");

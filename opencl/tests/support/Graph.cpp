@@ -47,6 +47,15 @@ cldnn_memory upload(cldnn_engine engine, const Values& values, int32_t format) {
   return memory;
 }
 
+cldnn_memory upload_elsewhere(const Values& values) {
+  cldnn_status status = CLDNN_SUCCESS;
+  cldnn_engine other = cldnn_create_engine(CLDNN_ENGINE_OPENCL, 0, nullptr, &status);
+  EXPECT_EQ(status, CLDNN_SUCCESS) << cldnn_get_last_error_message();
+  cldnn_memory memory = upload(other, values, CLDNN_FORMAT_YXFB);
+  cldnn_release_engine(other, nullptr);
+  return memory;
+}
+
 Values download(cldnn_memory memory) {
   cldnn_status status = CLDNN_SUCCESS;
   const cldnn_layout layout = cldnn_get_memory_layout(memory, &status);

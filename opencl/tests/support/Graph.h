@@ -19,6 +19,8 @@ enum class Stage { kAdd, kBuild, kAllocate, kSetInput, kExecute, kDone };
 cldnn_engine shared_engine(const std::string& single_kernel = "");
 
 cldnn_memory upload(cldnn_engine engine, const Values& values, int32_t format);
+// The same in an engine of its own, which lives as long as the memory.
+cldnn_memory upload_elsewhere(const Values& values);
 Values download(cldnn_memory memory);
 
 class Graph {
