@@ -31,13 +31,21 @@ double relative_error(const std::vector<float>& values, const std::vector<float>
   return length == 0 ? difference : std::sqrt(difference / length);
 }
 
+// Sets up and runs mode 3 over other values, so that what it leaves out does not look like an
+// earlier result.
+std::vector<float> result_of_mode_3(LayerRig& rig) {
+  rig.set_up(/*mode=*/3);
+  Blob& output = *rig.layer.outputs.back();
+  std::fill_n(output.data, output.count, 1e9F);
+  return rig.run(/*mode=*/3);
+}
+
 // Runs the layer in mode 0 and then in mode 3; gives the error.
 double error_of_mode_3(LayerRig& rig) {
   rig.workspace.fixed_point = library();
   rig.set_up(/*mode=*/0);
   const auto exact = rig.run(/*mode=*/0);
-  rig.set_up(/*mode=*/3);
-  return relative_error(rig.run(/*mode=*/3), exact);
+  return relative_error(result_of_mode_3(rig), exact);
 }
 
 class Draw {
@@ -119,9 +127,8 @@ TEST(FixedPointConvolution, GroupsGiveTheSameBitsWhicheverThreadsRunThem) {
     std::vector<float> expected;
     for (const std::size_t threads : {1U, 2U, 3U, 5U}) {
       rig.workspace.workers().set_threads(threads);
-      rig.set_up(/*mode=*/3);
+      const auto values = result_of_mode_3(rig);
       ASSERT_FALSE(rig.conv.operators.empty());
-      const auto values = rig.run(/*mode=*/3);
       if (expected.empty()) expected = values;
       EXPECT_EQ(values, expected) << "case " << i << ", " << threads << " threads";
     }
