@@ -85,6 +85,7 @@ class EngineLayer {
       : mode_(mode) {
     workspace_.fixed_point = library;
     workspace_.workers().set_threads(kernels::blas_threads());
+    if (mode == 3) workspace_.workers().set_team(library->run_tasks);
     input_ = random_blob(1, r.size, r.size, r.channels, r.channels == 3 ? -1.0F : 0.0F);
     if (r.size == 1) {
       auto product = std::make_unique<FullyConnectLayer>();

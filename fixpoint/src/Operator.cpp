@@ -9,7 +9,6 @@
 namespace ravu::fixpoint {
 namespace {
 
-constexpr std::int32_t kMaxThreads = 1024;
 constexpr std::size_t kBlock = 16384;  // floats that one thread takes at a time
 constexpr std::int64_t kFewProducts = std::int64_t{1} << 18;  // done before a thread wakes up
 constexpr std::size_t kShortestRun = 64;  // parameters repeat until they are this many

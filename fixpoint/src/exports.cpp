@@ -6,6 +6,7 @@
 #include "Convolution.h"
 #include "FullyConnected.h"
 #include "fixpoint/fixpoint.h"
+#include "threads.h"
 
 using namespace ravu::fixpoint;  // NOLINT: every function here is one of the interface
 
@@ -117,6 +118,12 @@ std::uint64_t ravu_fixpoint_executions(const Operator* op) {
   return op == nullptr ? 0 : op->executions();
 }
 
+bool ravu_fixpoint_run_tasks(std::int32_t threads, std::size_t count, const void* object,
+                             Task task) {
+  return task != nullptr && threads >= 1 && threads <= kMaxThreads &&
+         run_tasks(threads, count, object, task);
+}
+
 #ifndef _WIN32
 __attribute__((visibility("default"))) Function ravu_fixpoint_function(std::uint32_t ordinal);
 #endif
@@ -154,6 +161,7 @@ Function ravu_fixpoint_function(std::uint32_t ordinal) {
       row<Destroy>(kDestroy, ravu_fixpoint_destroy),
       row<SetThreads>(kSetThreads, ravu_fixpoint_set_threads),
       row<Executions>(kExecutions, ravu_fixpoint_executions),
+      row<RunTasks>(kRunTasks, ravu_fixpoint_run_tasks),
   };
   const auto* found = std::find_if(std::begin(kRows), std::end(kRows),
                                    [&](const Row& r) { return r.ordinal == ordinal; });

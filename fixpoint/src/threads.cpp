@@ -3,6 +3,8 @@
 
 #ifdef _OPENMP
 #include <omp.h>
+
+#include <atomic>
 #endif
 
 namespace ravu::fixpoint {
@@ -17,11 +19,28 @@ ThreadCount::~ThreadCount() {
   omp_set_num_threads(before_);
 }
 
+bool run_tasks(int threads, std::size_t count, const void* object, Task task) {
+  std::atomic<std::size_t> next{0};
+#pragma omp parallel num_threads(threads)
+  {
+    const auto thread = static_cast<std::size_t>(omp_get_thread_num());
+    for (std::size_t i = next.fetch_add(1, std::memory_order_relaxed); i < count;
+         i = next.fetch_add(1, std::memory_order_relaxed)) {
+      task(object, i, thread);
+    }
+  }
+  return true;
+}
+
 #else
 
 ThreadCount::ThreadCount(int) : before_(1) {}
 
 ThreadCount::~ThreadCount() = default;
+
+bool run_tasks(int, std::size_t, const void*, Task) {
+  return false;
+}
 
 #endif
 

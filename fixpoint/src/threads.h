@@ -3,7 +3,11 @@
 
 #include <cstddef>
 
+#include "fixpoint/fixpoint.h"
+
 namespace ravu::fixpoint {
+
+inline constexpr std::int32_t kMaxThreads = 1024;
 
 // While it lives, oneDNN works with this many threads for the calling thread; then OpenMP's setting
 // is what it was.
@@ -34,5 +38,9 @@ void share(int threads, std::size_t n, const Work& work) {
 #endif
   for (std::size_t i = 0; i < n; ++i) work(i);
 }
+
+// Calls task(object, i, thread) for i < count, each once, from up to `threads` threads, which draw
+// what to do next. False, and nothing was called, without OpenMP.
+bool run_tasks(int threads, std::size_t count, const void* object, Task task);
 
 }  // namespace ravu::fixpoint

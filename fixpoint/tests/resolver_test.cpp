@@ -11,14 +11,15 @@
 namespace ravu::fixpoint::test {
 namespace {
 
-const std::set<std::uint32_t> kOrdinals = {8, 10, 12, 13, 14, 23, 25, 27, 28, 29, 101, 102, 103};
+const std::set<std::uint32_t> kOrdinals = {8,  10, 12, 13,  14,  23,  25,
+                                           27, 28, 29, 101, 102, 103, 104};
 
 TEST(Resolver, KnowsTheOrdinalsOfTheInterfaceAndNoOther) {
   EXPECT_THAT(kOrdinals,
               testing::UnorderedElementsAre(
                   kConvCreate, kConvRun, kConvSetInput, kConvFinish, kConvConfigure,
                   kFullyConnectCreate, kFullyConnectRun, kFullyConnectSetInput, kFullyConnectFinish,
-                  kFullyConnectConfigure, kDestroy, kSetThreads, kExecutions));
+                  kFullyConnectConfigure, kDestroy, kSetThreads, kExecutions, kRunTasks));
   std::set<Function> functions;
   for (std::uint32_t ordinal = 0; ordinal < 300; ++ordinal) {
     const Function function = ravu_fixpoint_function(ordinal);

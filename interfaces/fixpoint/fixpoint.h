@@ -19,6 +19,7 @@
 // and the maximum is that of the finite ones.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace ravu::fixpoint {
@@ -111,6 +112,21 @@ using SetThreads = bool (*)(Operator* op, std::int32_t threads);
 // How many times the operator has summed integer products; 0 for null.
 inline constexpr std::uint32_t kExecutions = 103;
 using Executions = std::uint64_t (*)(const Operator* op);
+
+// --- its threads -------------------------------------------------------------------------------
+
+// A piece of work: called with an index and with which of the threads is calling. Does not throw.
+using Task = void (*)(const void* object, std::size_t index, std::size_t thread);
+
+// Calls task(object, index, thread) once for each index below `count`, from at most `threads`
+// threads, the calling one among them, and returns when all is done; each thread is below `threads`
+// and runs one task at a time. They are the threads that operators use, which look for work for a
+// while before they sleep: whoever has work between two operators gives it to them, since threads
+// of its own would wait for a processor meanwhile. Tasks may run operators that were given one
+// thread. False where the library has no threads, for null and for numbers of threads below 1:
+// nothing was called.
+inline constexpr std::uint32_t kRunTasks = 104;
+using RunTasks = bool (*)(std::int32_t threads, std::size_t count, const void* object, Task task);
 
 // --- finding them ------------------------------------------------------------------------------
 

@@ -26,7 +26,9 @@ bool setup_cpu(Network& network, std::uint32_t mode) {
   if (mode == kFixedPointMode && !library) {
     library = std::make_shared<const FixedPointLibrary>(load_fixed_point_library());
   }
-  network.workspace.workers().set_threads(kernels::blas_threads());
+  kernels::Workers& workers = network.workspace.workers();
+  workers.set_threads(kernels::blas_threads());
+  workers.set_team(mode == kFixedPointMode ? library->run_tasks : nullptr);
   std::uint64_t bytes = network.storage_bytes();
   for (const auto& layer : network.layers) {
     const std::size_t known = network.params.size();

@@ -61,6 +61,7 @@ FixedPointLibrary resolve_fixed_point_library(
   functions.take(l.destroy, fixpoint::kDestroy, "destroy");
   functions.take(l.set_threads, fixpoint::kSetThreads, "set threads");
   functions.take(l.executions, fixpoint::kExecutions, "executions");
+  functions.take(l.run_tasks, fixpoint::kRunTasks, "run tasks");
   if (!functions.missing().empty()) return without_library(functions.missing());
   l.problem.clear();
   return l;

@@ -27,6 +27,7 @@ struct FixedPointLibrary {
   fixpoint::Destroy destroy = nullptr;
   fixpoint::SetThreads set_threads = nullptr;
   fixpoint::Executions executions = nullptr;
+  fixpoint::RunTasks run_tasks = nullptr;
   std::string problem = "no fixed-point library was looked for";
 
   explicit operator bool() const { return problem.empty(); }

@@ -51,7 +51,8 @@ struct Workers::Crew {
   std::atomic<std::uint32_t> busy{0};  // workers that have not left the shift
   std::atomic<std::size_t> next{0};
   std::size_t count = 0;
-  ErasedTask task{};
+  const void* task = nullptr;
+  Piece piece = nullptr;
   bool closing = false;
   std::int64_t owner = process();
   std::vector<std::thread> threads;
@@ -71,7 +72,7 @@ struct Workers::Crew {
     for (;;) {
       const std::size_t index = next.fetch_add(1, std::memory_order_relaxed);
       if (index >= count) return;
-      task.call(task.object, index, worker);
+      piece(task, index, worker);
     }
   }
 
@@ -130,11 +131,12 @@ void Workers::dismiss() {
   crew_.reset();
 }
 
-void Workers::run_erased(std::size_t count, ErasedTask task) {
+void Workers::run_erased(std::size_t count, const void* task, Piece piece) {
   if (threads_ == 1 || count < 2) {
-    for (std::size_t index = 0; index < count; ++index) task.call(task.object, index, 0);
+    for (std::size_t index = 0; index < count; ++index) piece(task, index, 0);
     return;
   }
+  if (team_ != nullptr && team_(static_cast<std::int32_t>(threads_), count, task, piece)) return;
   if (crew_ != nullptr && crew_->owner != process()) dismiss();
   if (crew_ == nullptr) {
     crew_ = std::make_unique<Crew>();
@@ -142,6 +144,7 @@ void Workers::run_erased(std::size_t count, ErasedTask task) {
   }
   crew_->count = count;
   crew_->task = task;
+  crew_->piece = piece;
   crew_->post();
   crew_->draw(0);
   crew_->wait_for_all();

@@ -154,6 +154,7 @@ fixpoint::Function fake_fixpoint_function(std::uint32_t ordinal) {
          return record(102, name(op), n > 0 ? "threads" : "none");
        })},
       {103, as<Executions>([](const Operator*) { return std::uint64_t{0}; })},
+      {104, as<RunTasks>([](std::int32_t, std::size_t, const void*, Task) { return false; })},
   };
   const auto found = functions.find(ordinal);
   return found == functions.end() ? nullptr : found->second;

@@ -63,5 +63,18 @@ TEST(FixedPointLibrary, IsLookedForByASetUpForItsModeAlone) {
   EXPECT_EQ(network.workspace.fixed_point, first);
 }
 
+// Its threads and others would keep each other from the processors.
+TEST(FixedPointLibrary, LendsItsThreadsToTheLayersOfItsMode) {
+  Network network;
+  network.set_input(std::make_unique<Blob>());
+  network.workspace.fixed_point = fake_fixed_point_library();
+  kernels::Workers& workers = network.workspace.workers();
+  setup_cpu(network, 3);
+  EXPECT_NE(workers.team(), nullptr);
+  EXPECT_EQ(workers.team(), network.workspace.fixed_point->run_tasks);
+  setup_cpu(network, 0);
+  EXPECT_EQ(workers.team(), nullptr);
+}
+
 }  // namespace
 }  // namespace ravu::test

@@ -53,6 +53,48 @@ TEST(Workers, AWorkerRunsOneTaskAtATime) {
   EXPECT_EQ(overlaps, 0);
 }
 
+int team_runs = 0;
+
+// A team of one: whatever is asked, by the last worker.
+bool lone_team(std::int32_t threads, std::size_t count, const void* task,
+               kernels::Workers::Piece piece) {
+  ++team_runs;
+  for (std::size_t i = 0; i < count; ++i) piece(task, i, static_cast<std::size_t>(threads) - 1);
+  return true;
+}
+
+TEST(Workers, ATeamDoesTheWorkOfSeveral) {
+  kernels::Workers workers;
+  workers.set_threads(3);
+  workers.set_team(lone_team);
+  team_runs = 0;
+  std::vector<std::size_t> seen;
+  workers.run(4, [&](std::size_t, std::size_t worker) { seen.push_back(worker); });
+  EXPECT_EQ(seen, std::vector<std::size_t>(4, 2));
+  EXPECT_EQ(team_runs, 1);
+  workers.set_team(nullptr);
+  EXPECT_EQ(run(workers, 10), std::vector<int>(10, 1));
+  EXPECT_EQ(team_runs, 1);
+}
+
+TEST(Workers, ATeamIsNotAskedForWhatOneThreadDoes) {
+  kernels::Workers workers;
+  workers.set_team(lone_team);
+  team_runs = 0;
+  EXPECT_EQ(run(workers, 10), std::vector<int>(10, 1));
+  workers.set_threads(3);
+  EXPECT_EQ(run(workers, 1), std::vector<int>(1, 1));
+  EXPECT_EQ(team_runs, 0);
+}
+
+TEST(Workers, DoTheWorkOfATeamThatHasNoThreads) {
+  kernels::Workers workers;
+  workers.set_threads(3);
+  workers.set_team(
+      [](std::int32_t, std::size_t, const void*, kernels::Workers::Piece) { return false; });
+  EXPECT_EQ(run(workers, 10), std::vector<int>(10, 1));
+}
+
 TEST(Workers, RunReturnsWhenAllIsDone) {
   kernels::Workers workers;
   workers.set_threads(3);

@@ -127,10 +127,14 @@ TEST(FixedPointConvolution, GroupsGiveTheSameBitsWhicheverThreadsRunThem) {
     std::vector<float> expected;
     for (const std::size_t threads : {1U, 2U, 3U, 5U}) {
       rig.workspace.workers().set_threads(threads);
-      const auto values = result_of_mode_3(rig);
-      ASSERT_FALSE(rig.conv.operators.empty());
-      if (expected.empty()) expected = values;
-      EXPECT_EQ(values, expected) << "case " << i << ", " << threads << " threads";
+      for (const bool team : {false, true}) {
+        rig.workspace.workers().set_team(team ? rig.workspace.fixed_point->run_tasks : nullptr);
+        const auto values = result_of_mode_3(rig);
+        ASSERT_FALSE(rig.conv.operators.empty());
+        if (expected.empty()) expected = values;
+        EXPECT_EQ(values, expected)
+            << "case " << i << ", " << threads << (team ? " of the library's" : "") << " threads";
+      }
     }
   }
 }
