@@ -23,5 +23,10 @@ endif()
 if(RAVU_SANITIZE)
   add_compile_options(-fsanitize=${RAVU_SANITIZE} -fno-sanitize-recover=all
                       -fno-omit-frame-pointer)
-  add_link_options(-fsanitize=${RAVU_SANITIZE})
+  set(RAVU_SANITIZE_LINK -fsanitize=${RAVU_SANITIZE})
+  if(CMAKE_C_COMPILER_ID MATCHES Clang)
+    # Programs in C link the library, which is C++.
+    list(APPEND RAVU_SANITIZE_LINK -fsanitize-link-c++-runtime -lstdc++)
+  endif()
+  add_link_options(${RAVU_SANITIZE_LINK})
 endif()

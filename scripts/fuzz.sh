@@ -1,15 +1,15 @@
 #!/usr/bin/env bash
-# Runs the fuzz targets of build/fuzz for the given number of seconds (60 when none is given), which
+# Runs the fuzz targets of build/asan for the given number of seconds (60 when none is given), which
 # they share. All take models and start from one corpus, build/fuzz/corpus, where new inputs stay;
 # a crash leaves its input in build/fuzz and fails the script.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
-targets=(build/fuzz/tests/fuzz/*_fuzzer)
+targets=(build/asan/tests/fuzz/*_fuzzer)
 share=$(((seconds + ${#targets[@]} - 1) / ${#targets[@]}))
 corpus=build/fuzz/corpus
 mkdir -p "$corpus"
-build/fuzz/tests/fuzz/write_seeds build/fuzz/seeds
+build/asan/tests/fuzz/write_seeds build/fuzz/seeds
 for target in "${targets[@]}"; do
   name=$(basename "$target")
   log=build/fuzz/$name.log

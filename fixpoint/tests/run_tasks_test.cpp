@@ -70,8 +70,7 @@ TEST(RunTasks, TasksMayRunOperators) {
     w.results[index] = Conv(w.c).run(w.c).value();
   };
   EXPECT_EQ(function<RunTasks>(kRunTasks)(2, work.results.size(), &work, compute), kHasThreads);
-  const std::vector<float> expected =
-      kHasThreads ? Conv(c).run(c).value() : std::vector<float>();
+  const std::vector<float> expected = kHasThreads ? Conv(c).run(c).value() : std::vector<float>();
   for (const auto& result : work.results) EXPECT_EQ(result, expected);
 }
 

@@ -98,7 +98,7 @@ Blob* last_output(const BaseLayer& layer);
 bool is_wired(const BaseLayer& layer);
 
 // Whether the layer has been set up, its last input holds data and its last output has elements to
-// write: of the dims of one without any, all but one may be as large as they like.
+// write: dims without elements may name any sizes, which loops over them would walk.
 bool has_data(const BaseLayer& layer);
 
 // Whether each of the Blobs holds data or has no element to hold.

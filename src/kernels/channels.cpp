@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "kernels/kernels.h"
-#include "kernels/workers.h"
 
 namespace ravu::kernels {
 namespace {
@@ -29,8 +28,7 @@ void copy_runs(const float* from, Place source, float* to, Place target, std::si
 void split_channels(const float* input, std::size_t pixels, std::size_t channels,
                     std::size_t groups, std::size_t group_channels, float* slices) {
   if (group_channels == 1) {
-    Workers caller_alone;
-    transpose(input, channels, pixels, groups, slices, pixels, caller_alone);
+    transpose(input, channels, pixels, groups, slices, pixels);
     return;
   }
   copy_runs(input, {channels, group_channels}, slices, {group_channels, pixels * group_channels},
@@ -41,8 +39,7 @@ void interleave_channels(const float* staging, std::size_t group_stride, std::si
                          std::size_t groups, std::size_t group_channels, float* output,
                          std::size_t channels) {
   if (group_channels == 1) {
-    Workers caller_alone;
-    transpose(staging, group_stride, groups, pixels, output, channels, caller_alone);
+    transpose(staging, group_stride, groups, pixels, output, channels);
     return;
   }
   copy_runs(staging, {group_channels, group_stride}, output, {channels, group_channels}, pixels,

@@ -57,13 +57,15 @@ struct AxisOrder {
   std::array<std::size_t, 3> order;
 };
 
-// Moves one image. Input and output are different arrays.
-void permute(const AxisOrder& axes, const float* input, float* output);
+// Moves one image; an axis of size 0 leaves nothing to move. Input and output are different arrays.
+void permute(const AxisOrder& axes, const float* input, float* output, Workers& workers);
 
 // to[c * to_stride + r] = from[r * from_stride + c] for `rows` x `columns` floats; strides in
-// floats. The arrays are different ones.
+// floats. The arrays are different ones. Without workers the calling thread does it alone.
 void transpose(const float* from, std::size_t from_stride, std::size_t rows, std::size_t columns,
                float* to, std::size_t to_stride, Workers& workers);
+void transpose(const float* from, std::size_t from_stride, std::size_t rows, std::size_t columns,
+               float* to, std::size_t to_stride);
 
 struct PoolingSizes {
   std::size_t batch, height, width, channels;

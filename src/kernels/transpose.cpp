@@ -40,16 +40,32 @@ HWY_EXPORT(turn_band);
 // Columns that one thread takes at a time: a cache line.
 constexpr std::size_t kBandColumns = 16;
 
+std::size_t bands_of(std::size_t columns) {
+  return (columns + kBandColumns - 1) / kBandColumns;
+}
+
+void turn(std::size_t band, const float* from, std::size_t from_stride, std::size_t rows,
+          std::size_t columns, float* to, std::size_t to_stride) {
+  const std::size_t first = band * kBandColumns;
+  HWY_DYNAMIC_DISPATCH(turn_band)
+  (from + first, from_stride, rows, std::min(kBandColumns, columns - first), to + first * to_stride,
+   to_stride);
+}
+
 }  // namespace
 
 void transpose(const float* from, std::size_t from_stride, std::size_t rows, std::size_t columns,
                float* to, std::size_t to_stride, Workers& workers) {
-  const auto turn = HWY_DYNAMIC_DISPATCH(turn_band);
-  workers.run((columns + kBandColumns - 1) / kBandColumns, [&](std::size_t band, std::size_t) {
-    const std::size_t first = band * kBandColumns;
-    turn(from + first, from_stride, rows, std::min(kBandColumns, columns - first),
-         to + first * to_stride, to_stride);
+  workers.run(bands_of(columns), [=](std::size_t band, std::size_t) {
+    turn(band, from, from_stride, rows, columns, to, to_stride);
   });
+}
+
+void transpose(const float* from, std::size_t from_stride, std::size_t rows, std::size_t columns,
+               float* to, std::size_t to_stride) {
+  for (std::size_t band = 0; band < bands_of(columns); ++band) {
+    turn(band, from, from_stride, rows, columns, to, to_stride);
+  }
 }
 
 }  // namespace ravu::kernels

@@ -77,7 +77,7 @@ bool PermuteLayer::Forward(std::uint32_t) {
   for (std::size_t n = 0; image > 0 && n < input->dims[0]; ++n) {
     const float* from = input->data + n * image;
     if (shared) from = std::copy(from, from + image, workspace->scratch()) - image;
-    kernels::permute(axes, from, output->data + n * image);
+    kernels::permute(axes, from, output->data + n * image, workspace->workers());
   }
   return true;
 }

@@ -20,6 +20,9 @@ TEST(TransposeKernel, PutsRowsInPlaceOfColumns) {
         for (std::size_t i = 0; i < input.size(); ++i) {
           ASSERT_EQ(output[i % columns * rows + i / columns], input[i]) << rows << " " << columns;
         }
+        std::vector<float> alone(rows * columns);
+        kernels::transpose(input.data(), columns, rows, columns, alone.data(), rows);
+        EXPECT_EQ(alone, output);
       }
     }
   }
