@@ -29,8 +29,8 @@ cmake --build --preset asan --target ravu_tool_tests
 ctest --test-dir build/asan --output-on-failure --parallel "$jobs" -R ravu_tool_tests
 cmake --preset asan >/dev/null
 
-step "Lint (clang-tidy over src and tools)"
-git ls-files 'src/*.cpp' 'tools/*.cpp' 'opencl/src/*.cpp' |
+step "Lint (clang-tidy)"
+git ls-files {src,tools,opencl/src,fixpoint/src,python/src}/'*.cpp' |
   xargs -P "$jobs" -n 4 clang-tidy -p build/clang --quiet --warnings-as-errors='*' 2>/dev/null
 
 step "Thread sanitizer (build/tsan)"
