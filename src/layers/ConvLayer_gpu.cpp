@@ -58,6 +58,7 @@ std::int32_t size_along(std::int32_t input, std::int32_t pad, std::int32_t kerne
 
 std::vector<cldnn_id> pointers(const std::vector<std::string>& ids) {
   std::vector<cldnn_id> list;
+  list.reserve(ids.size());
   for (const std::string& id : ids) list.push_back(id.c_str());
   return list;
 }

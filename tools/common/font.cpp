@@ -134,17 +134,18 @@ std::uint32_t text_width(std::string_view text, std::uint32_t scale) {
 
 void draw_text(Picture& picture, std::int64_t x, std::int64_t y, std::uint32_t scale, Colour colour,
                std::string_view text) {
+  const std::int64_t side = scale;
   for (const char c : drawable(text)) {
     const Glyph& glyph = kGlyphs[c - kFirst];
     for (std::uint32_t row = 0; row < kGlyphHeight; ++row) {
       for (std::uint32_t column = 0; column < kGlyphWidth; ++column) {
         if ((glyph[row] >> (kGlyphWidth - 1 - column) & 1) == 0) continue;
-        const std::int64_t left = x + column * scale;
-        const std::int64_t top = y + row * scale;
-        fill_box(picture, {left, top, left + scale, top + scale}, colour);
+        const std::int64_t left = x + column * side;
+        const std::int64_t top = y + row * side;
+        fill_box(picture, {left, top, left + side, top + side}, colour);
       }
     }
-    x += (kGlyphWidth + 1) * scale;
+    x += (kGlyphWidth + 1) * side;
   }
 }
 
