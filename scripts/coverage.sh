@@ -6,5 +6,7 @@ cmake --preset coverage -DRAVU_BUILD_TOOLS=OFF >/dev/null
 cmake --build --preset coverage --target ravu_tests
 find build/coverage -name '*.gcda' -delete
 build/coverage/tests/ravu_tests --gtest_brief=1
-gcovr --root . --filter 'src/' --print-summary --exclude-unreachable-branches build/coverage |
+# In the build folder, where gcov leaves files when it fails.
+cd build/coverage
+gcovr --root ../.. --filter '../../src/' --print-summary --exclude-unreachable-branches . |
   tail -n 45
