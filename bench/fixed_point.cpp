@@ -16,6 +16,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "graph/Workspace.h"
@@ -197,6 +198,8 @@ Times measure(const Row& row, int rounds, const std::shared_ptr<const FixedPoint
   std::vector<std::vector<double>> times(runs.size());
   for (int round = -1; round < rounds; ++round) {
     for (std::size_t i = 0; i < runs.size(); ++i) {
+      // OpenMP's threads look for work for a while, which would cost the next one its processors.
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
       runs[i]();  // brings its own data back into the caches
       const auto start = std::chrono::steady_clock::now();
       runs[i]();
