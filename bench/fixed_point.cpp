@@ -2,6 +2,9 @@
 // against oneDNN's own single precision, layer by layer, on the layers of well-known networks with
 // random weights; batch 1. The three take turns, so that all see the same machine; medians.
 //
+// With more than one thread, mode 0 has a team of its own beside OpenMP's here, and the two get in
+// each other's way: whole networks in processes of their own (ravu bench) say more then.
+//
 // Mode 3 includes quantising the input. oneDNN gets its own layouts for nothing: reordering into
 // them is not timed.
 #include <cblas.h>
@@ -16,7 +19,6 @@
 #include <memory>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "graph/Workspace.h"
@@ -198,8 +200,6 @@ Times measure(const Row& row, int rounds, const std::shared_ptr<const FixedPoint
   std::vector<std::vector<double>> times(runs.size());
   for (int round = -1; round < rounds; ++round) {
     for (std::size_t i = 0; i < runs.size(); ++i) {
-      // OpenMP's threads look for work for a while, which would cost the next one its processors.
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
       runs[i]();  // brings its own data back into the caches
       const auto start = std::chrono::steady_clock::now();
       runs[i]();
