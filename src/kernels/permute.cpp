@@ -29,15 +29,10 @@ void permute(const AxisOrder& axes, const float* input, float* output, Workers& 
   // The output axis along which the input is contiguous, and the one that is left.
   const std::size_t row = axes.order[0] == 2 ? 0 : 1;
   const std::size_t plane = 1 - row;
-  const auto turn = [&](std::size_t p, auto&... shared_by) {
+  workers.run(size[plane], [&](std::size_t p, std::size_t) {
     transpose(input + p * stride[plane], stride[2], size[2], size[row],
-              output + p * output_strides[plane], output_strides[row], shared_by...);
-  };
-  if (size[plane] < workers.threads()) {
-    for (std::size_t p = 0; p < size[plane]; ++p) turn(p, workers);
-  } else {
-    workers.run(size[plane], [&](std::size_t p, std::size_t) { turn(p); });
-  }
+              output + p * output_strides[plane], output_strides[row]);
+  });
 }
 
 }  // namespace ravu::kernels
